@@ -1,0 +1,70 @@
+// The CoreFoundation names that the launcher and its tests use, as Apple documents them, for builds
+// without Apple's SDK.
+#ifndef KESTREL_APPLE_COREFOUNDATION_H_
+#define KESTREL_APPLE_COREFOUNDATION_H_
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef unsigned char Boolean;
+typedef signed int SInt32;
+typedef signed long CFIndex;
+typedef unsigned long CFOptionFlags;
+typedef double CFTimeInterval;          // seconds
+typedef CFTimeInterval CFAbsoluteTime;  // seconds since 2001-01-01 00:00:00 UTC
+
+typedef const void* CFTypeRef;
+typedef const struct __CFString* CFStringRef;
+typedef const struct __CFAllocator* CFAllocatorRef;
+typedef struct __CFRunLoop* CFRunLoopRef;
+typedef struct __CFRunLoopTimer* CFRunLoopTimerRef;
+typedef CFStringRef CFRunLoopMode;
+
+#ifdef __cplusplus
+typedef enum CFRunLoopRunResult : SInt32 {
+#else
+typedef enum CFRunLoopRunResult {
+#endif
+  kCFRunLoopRunFinished = 1,
+  kCFRunLoopRunStopped = 2,
+  kCFRunLoopRunTimedOut = 3,
+  kCFRunLoopRunHandledSource = 4
+} CFRunLoopRunResult;
+
+typedef void (*CFRunLoopTimerCallBack)(CFRunLoopTimerRef timer, void* info);
+
+typedef struct {
+  CFIndex version;
+  void* info;
+  const void* (*retain)(const void* info);
+  void (*release)(const void* info);
+  CFStringRef (*copyDescription)(const void* info);
+} CFRunLoopTimerContext;
+
+extern const CFAllocatorRef kCFAllocatorDefault;
+extern const CFRunLoopMode kCFRunLoopDefaultMode;
+
+void CFRelease(CFTypeRef object);
+CFAbsoluteTime CFAbsoluteTimeGetCurrent(void);
+
+// The calling thread's run loop.
+CFRunLoopRef CFRunLoopGetCurrent(void);
+// Runs the calling thread's loop for at most `seconds`; finished at once when the mode holds
+// nothing.
+CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
+                                      Boolean returnAfterSourceHandled);
+void CFRunLoopStop(CFRunLoopRef loop);
+void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode mode);
+
+CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
+                                       CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
+                                       CFRunLoopTimerCallBack callout,
+                                       CFRunLoopTimerContext* context);
+void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // KESTREL_APPLE_COREFOUNDATION_H_

@@ -1,0 +1,29 @@
+// The Foundation names that the launcher uses, as Apple documents them, for builds without Apple's
+// SDK. Objective-C only.
+#ifndef KESTREL_APPLE_FOUNDATION_H_
+#define KESTREL_APPLE_FOUNDATION_H_
+
+typedef unsigned long NSUInteger;
+
+#define NS_RETURNS_INNER_POINTER __attribute__((objc_returns_inner_pointer))
+
+__attribute__((objc_root_class))
+@interface NSObject
+@end
+
+@interface NSString : NSObject
+@property(readonly, copy) NSString* stringByDeletingLastPathComponent;
+// The characters live inside the string: without this attribute ARC would release it too early.
+@property(readonly) const char* fileSystemRepresentation NS_RETURNS_INNER_POINTER;
+@end
+
+@interface NSArray<__covariant ObjectType> : NSObject
+- (ObjectType)objectAtIndexedSubscript:(NSUInteger)index;
+@end
+
+@interface NSProcessInfo : NSObject
+@property(class, readonly, strong) NSProcessInfo* processInfo;
+@property(readonly, copy) NSArray<NSString*>* arguments;
+@end
+
+#endif  // KESTREL_APPLE_FOUNDATION_H_

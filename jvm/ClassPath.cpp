@@ -1,0 +1,65 @@
+#include "jvm/ClassPath.h"
+
+#include <dirent.h>
+
+#include "logging/Logging.h"
+#include "platform/InstallDir.h"
+
+const char CLASSPATH_SEPARATOR[] = ":";
+const char CLASSPATH_SEPARATOR_FOR_LOGS[] = "\n";
+
+std::string collectJars(const std::string& dir) {
+  std::string classPath;
+  DIR* directory = opendir(dir.c_str());
+  if (directory == nullptr) {
+    LOG_RECORD(ERROR, "collectJars") << "Directory " << dir << " is missing or not accessible";
+    return classPath;
+  }
+  while (const dirent* entry = readdir(directory)) {
+    const std::string name = entry->d_name;
+    if (!endsWith(name, ".jar")) continue;
+    if (!classPath.empty()) classPath += CLASSPATH_SEPARATOR;
+    classPath.append(dir).append(name);
+  }
+  closedir(directory);
+  return classPath;
+}
+
+bool endsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() &&
+         s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+std::string string_replace(std::string s, const std::string& from, const std::string& to) {
+  if (from.empty()) return s;
+  std::string replaced;
+  replaced.reserve(s.size());
+  std::size_t start = 0;
+  for (std::size_t hit; (hit = s.find(from, start)) != std::string::npos;
+       start = hit + from.size()) {
+    replaced.append(s, start, hit - start).append(to);
+  }
+  return replaced.append(s, start);
+}
+
+void addClassPathOptions(JVMOptions& options) {
+  // The slash at the end and the ".." stay as they are wherever the directory is used.
+  const std::string installDir = OS::getApplicationInstallDir();
+  const std::string libraryDir = installDir + "/../lib/";
+  const std::string classPath = collectJars(libraryDir);
+  LOG_RECORD(DEBUG, "startJVM") << "Using class path: "
+                                << string_replace(classPath, CLASSPATH_SEPARATOR,
+                                                  CLASSPATH_SEPARATOR_FOR_LOGS);
+
+  addOption(options, "-Dkestrel.jars.path=" + libraryDir);
+  // JNA is to load its native library from the install directory alone: not unpacked from a jar,
+  // not the system's copy, not searched for on the class path.
+  addOption(options, "-Djna.nounpack=true");
+  addOption(options, "-Djna.nosys=true");
+  addOption(options, "-Djna.noclasspath=true");
+  addOption(options, "-Djava.class.path=" + classPath);
+  addOption(options, "-Djna.library.path=" + installDir);
+  addOption(options, "-Djna.boot.library.path=" + installDir);
+  addOption(options, "-Dplume.library.path=" + installDir);
+  addOption(options, "-Duser.dir=" + installDir);
+}

@@ -1,0 +1,127 @@
+#include "jvm/KestrelJVMHost.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "jvm/ClassPath.h"
+#include "jvm/JVMOptions.h"
+#include "jvm/LaunchOptions.h"
+#include "jvm/TuningOptions.h"
+#include "logging/Logging.h"
+#include "platform/InstallDir.h"
+
+namespace {
+
+using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
+
+// Hooks of the invocation interface. The JVM calls them from any of its threads, several at once;
+// they call nothing of the JVM and end nothing themselves.
+
+// The JVM's console output, which goes to the log alone. Returns the length of the whole text.
+int jvm_vprintf(FILE* /*stream*/, const char* format, va_list arguments) {
+  char text[1024] = {};
+  const int length = vsnprintf(text, 1020, format, arguments);  // the margin is meant
+  LOG_RECORD(INFO, "jvm_vprintf") << "JVM: " << text;
+  return length;
+}
+
+void jvm_exit(int code) { LOG_RECORD(INFO, "jvm_exit") << "JVM: exit(" << code << ")"; }
+
+void jvm_abort() { LOG_RECORD(INFO, "jvm_abort") << "JVM: abort()"; }
+
+// Eight pages, but never less than the floor.
+std::string computeStackSizeOpt() {
+  constexpr std::uint64_t FLOOR_KIB = 384;
+  std::uint64_t sizeKiB = FLOOR_KIB;
+  const long pageBytes = sysconf(_SC_PAGESIZE);
+  if (pageBytes > 0) {
+    sizeKiB = std::max(FLOOR_KIB, (static_cast<std::uint64_t>(pageBytes) >> 10) * 8);
+  }
+  return "-Xss" + std::to_string(sizeKiB) + "k";
+}
+
+template <typename Function>
+void addHook(JVMOptions& options, const char* name, Function* hook) {
+  options.push_back({to_c_str(name), reinterpret_cast<void*>(hook)});
+}
+
+// What the JVM lets the application see of itself, and where it reports its own end.
+void addDiagnosticsOptions(JVMOptions& options) {
+  addOption(options, "--add-opens=java.desktop/sun.awt=ALL-UNNAMED");
+  addOption(options, "--add-opens=java.desktop/sun.awt.resources=ALL-UNNAMED");
+  addOption(options, "--add-opens=java.desktop/java.awt=ALL-UNNAMED");
+  addOption(options, "--add-opens=java.desktop/sun.lwawt=ALL-UNNAMED");
+  addOption(options, "--add-opens=java.desktop/sun.lwawt.macosx=ALL-UNNAMED");
+
+  addHook(options, "vfprintf", jvm_vprintf);
+  addHook(options, "exit", jvm_exit);
+  addHook(options, "abort", jvm_abort);
+
+  addOption(options, "-DKESTREL_VERSION=" KESTREL_VERSION);
+
+  const std::string pid = std::to_string(OSHelper::getPid());
+  addOption(options, "-XX:+CrashOnOutOfMemoryError");
+  addOption(options, "-XX:+HeapDumpOnOutOfMemoryError");
+  addOption(options, "-XX:HeapDumpPath=" + getLogsHome() + "/kestrel-oom-" + pid + ".hprof");
+  addOption(options, "-XX:ErrorFile=" + getLogsHome() + "/kestrel-error-" + pid + ".log");
+
+  char* temporaryDir = std::getenv("TMPDIR");
+  if (temporaryDir != nullptr && isDirectory(temporaryDir)) {
+    addOption(options, std::string("-Djava.io.tmpdir=") + temporaryDir);
+  }
+}
+
+// One option per line, each behind a tab; the last line holds the tab alone.
+std::string describe(const JVMOptions& options) {
+  std::string text = "\n\t";
+  for (const JavaVMOption& option : options) {
+    if (option.optionString != nullptr) text += option.optionString;
+    text += "\n\t";
+  }
+  return text;
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is the interface.
+JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
+  const auto createJavaVM = reinterpret_cast<CreateJavaVM>(resolveJNICreateFunction());
+  if (createJavaVM == nullptr) {
+    LOG_RECORD(ERROR, "startJVM") << "Failed to locate exported function to start VM";
+    return nullptr;
+  }
+
+  JVMOptions options;
+  if (!addArgsFileOptions(options, argsFilePath)) return nullptr;
+  addDebugPortOption(options);
+  addEnvironmentOptions(options);
+  addClassPathOptions(options);
+  addTuningOptions(options, computeStackSizeOpt());
+  addDiagnosticsOptions(options);
+  LOG_RECORD(INFO, "startJVM") << "JVM Args:" << describe(options);
+
+  JavaVMInitArgs initArgs{};
+  initArgs.version = JNI_VERSION_10;
+  initArgs.nOptions = static_cast<jint>(options.size());
+  initArgs.options = options.data();
+  initArgs.ignoreUnrecognized = JNI_FALSE;
+
+  LOG_RECORD(INFO, "startJVM") << "Starting JVM";
+  JavaVM* vm = nullptr;
+  void* env = nullptr;  // not kept: the caller attaches again
+  const jint code = createJavaVM(&vm, &env, &initArgs);
+  if (code != JNI_OK) {
+    // The words and the line break at the end are meant; nothing exits here.
+    LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
+    return nullptr;
+  }
+  for (const JavaVMOption& option : options) free(option.optionString);
+  LOG_RECORD(INFO, "startJVM") << "Java Virtual Machine is created!";
+  return vm;
+}

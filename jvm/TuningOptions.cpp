@@ -1,0 +1,104 @@
+// Switches in the environment and what they change:
+//
+//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0..."  COMPILER_AND_METADATA; G1_EXTRAS under G1
+//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1..." SERIAL_GC instead of G1_GC, and first
+//   choice KESTREL_GC_FORCE_PARALLEL_GC      off unless "1..." PARALLEL_GC instead of G1_GC
+//   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0..."  RECLAIM, with every collector
+//   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set    the pause goal, with every collector
+//
+// The first character alone decides, never a word: "false" leaves a switch on, "true" leaves one
+// off. That is meant.
+#include "jvm/TuningOptions.h"
+
+#include <cstdlib>
+#include <initializer_list>
+
+namespace {
+
+using OptionGroup = std::initializer_list<const char*>;
+
+constexpr OptionGroup DESKTOP = {
+    "-Dplume.metal.gpu.priority=integrated",
+    "-Dapple.laf.useScreenMenuBar=true",
+};
+constexpr char MAX_HEAP[] = "-Xmx160m";
+constexpr char INITIAL_HEAP[] = "-Xms8m";
+constexpr OptionGroup BASE = {
+    "-XX:+UnlockExperimentalVMOptions", "-XX:+CreateCoredumpOnCrash",   "-XX:MetaspaceSize=16m",
+    "-XX:MinMetaspaceFreeRatio=10",     "-XX:MaxMetaspaceFreeRatio=10", "-XX:+UseCompressedOops",
+    "-XX:+UseCompressedClassPointers",
+};
+constexpr OptionGroup COMPILER_AND_METADATA = {
+    "-XX:CompressedClassSpaceSize=64m", "-XX:ReservedCodeCacheSize=64m",
+    "-XX:+UseCodeCacheFlushing",        "-XX:CICompilerCount=2",
+    "-XX:+UseCompactObjectHeaders",     "-XX:+UseStringDeduplication",
+};
+constexpr OptionGroup RENDERING = {
+    "-Dplume.gpu.resourceCacheLimit=1M",
+    "-Dplume.buffering=2",
+};
+constexpr OptionGroup SERIAL_GC = {"-XX:+UseSerialGC"};
+constexpr OptionGroup PARALLEL_GC = {"-XX:+UseParallelGC", "-XX:ParallelGCThreads=2"};
+constexpr OptionGroup G1_GC = {
+    "-XX:+UseG1GC",
+    "-XX:ParallelGCThreads=2",
+    "-XX:ConcGCThreads=1",
+};
+constexpr OptionGroup G1_EXTRAS = {
+    "-XX:SoftMaxHeapSize=128m",
+    "-XX:G1PeriodicGCInterval=10000",
+    "-XX:G1PeriodicGCSystemLoadThreshold=0",
+};
+constexpr OptionGroup RECLAIM = {
+    "-XX:MinHeapFreeRatio=10",
+    "-XX:MaxHeapFreeRatio=10",
+    "-XX:-ShrinkHeapInSteps",
+};
+
+bool isOnUnlessZero(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value == nullptr || value[0] != '0';
+}
+
+bool isOffUnlessOne(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && value[0] == '1';
+}
+
+void addGroup(JVMOptions& options, OptionGroup group) {
+  for (const char* option : group) addOption(options, option);
+}
+
+void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
+  const bool forceSerial = isOffUnlessOne("KESTREL_GC_FORCE_SERIAL_GC");
+  const bool forceParallel = isOffUnlessOne("KESTREL_GC_FORCE_PARALLEL_GC");
+  if (forceSerial) {
+    addGroup(options, SERIAL_GC);
+  } else if (forceParallel) {
+    addGroup(options, PARALLEL_GC);
+  } else {
+    addGroup(options, G1_GC);
+    if (aggressiveOptimizations) addGroup(options, G1_EXTRAS);
+  }
+}
+
+}  // namespace
+
+void addTuningOptions(JVMOptions& options, const std::string& stackSizeOption) {
+  addGroup(options, DESKTOP);
+  options.insert(options.begin(), makeOpt(to_c_str(MAX_HEAP)));
+  addOption(options, INITIAL_HEAP);
+  addOption(options, stackSizeOption);
+  addGroup(options, BASE);
+
+  const bool aggressiveOptimizations = isOnUnlessZero("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+  if (aggressiveOptimizations) addGroup(options, COMPILER_AND_METADATA);
+  addGroup(options, RENDERING);
+  addCollector(options, aggressiveOptimizations);
+  if (isOnUnlessZero("KESTREL_GC_AGGRESSIVE_RECLAIM")) addGroup(options, RECLAIM);
+
+  // Handed on as found: the JVM itself refuses what it cannot read.
+  const char* maxPause = std::getenv("KESTREL_GC_MAX_PAUSE_MILLIS");
+  addOption(options,
+            std::string("-XX:MaxGCPauseMillis=") + (maxPause != nullptr ? maxPause : "100"));
+}

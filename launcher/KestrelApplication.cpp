@@ -1,0 +1,109 @@
+// The process entry: sets up the log, starts the JVM on a thread of its own and waits for it.
+#include "launcher/KestrelApplication.h"
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <objc/runtime.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "java_entry/KestrelJVMApp.h"
+#include "jvm/KestrelJVMHost.h"
+#include "logging/Logging.h"
+
+// Part of the compiler's ABI for automatic reference counting; no public header declares them.
+extern "C" void* objc_autoreleasePoolPush(void);
+extern "C" void objc_autoreleasePoolPop(void* pool);
+
+namespace {
+
+Class lookUpApplicationClass() noexcept {
+  void* pool = objc_autoreleasePoolPush();
+  Class applicationClass = objc_lookUpClass("NSApplicationAWT");
+  objc_autoreleasePoolPop(pool);
+  return applicationClass;
+}
+
+}  // namespace
+
+// Set before main. Nil as long as the Java toolkit's library is not loaded; nothing here reads it.
+Class NSApplicationAWTClass = lookUpApplicationClass();
+
+extern "C" void timer_empty(CFRunLoopTimerRef /*timer*/, void* /*info*/) {}
+
+void runApp() {
+  constexpr double NEVER = std::numeric_limits<double>::max();
+  CFRunLoopTimerRef keepAlive =
+      CFRunLoopTimerCreate(kCFAllocatorDefault, NEVER, 0.0, 0, 0, timer_empty, nullptr);
+  CFRunLoopAddTimer(CFRunLoopGetCurrent(), keepAlive, kCFRunLoopDefaultMode);
+  CFRelease(keepAlive);
+
+  while (CFRunLoopRunInMode(kCFRunLoopDefaultMode, NEVER, false) != kCFRunLoopRunFinished) {
+  }
+  LOG_RECORD(INFO, "runApp") << "CoreFoundation event loop is finished";
+}
+
+static int run(int argc, char** argv) {
+  constexpr int NOT_STARTED = 255;
+  constexpr int CANNOT_CREATE_JVM = 53;
+
+  std::vector<std::string_view> arguments;
+  arguments.reserve(argc);
+  for (int i = 0; i < argc; ++i) arguments.emplace_back(argv[i]);
+  std::string jvmArgsFilePath;  // stays empty: this launcher reads no options file
+
+  initialize_logging(false);
+  setsid();  // fails for a process group's leader, which is fine
+
+  std::ostringstream argumentText;
+  for (std::size_t i = 1; i < arguments.size(); ++i) argumentText << arguments[i] << " ";
+  LOG_RECORD(INFO, "run") << "Program arguments: " << argumentText.str();
+
+  std::atomic<std::int32_t> launchResult{NOT_STARTED};
+  std::atomic<bool> exitAfterStartup{false};
+  // Set before the thread exists, so that this launcher never reaches its run loop; that is meant.
+  exitAfterStartup = true;
+
+  {
+    std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
+      int result = NOT_STARTED;
+      JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
+      if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
+
+      LOG_RECORD(INFO, "operator()") << "JVM calling main";
+      result = KestrelJVMApp::callMainMethod(vm, argc, argv);
+      LOG_RECORD(INFO, "operator()") << "JVM main ended";
+
+      if (result == 0) {
+        LOG_RECORD(INFO, "operator()") << "JVM started successfully";
+        launchResult = 0;
+      } else if (result == 1) {
+        LOG_RECORD(INFO, "operator()") << "JVM exit after startup is set, exiting";
+        launchResult = 0;
+        exitAfterStartup = true;
+      }
+      if (result < 2) return;  // a negative one leaves the status at NOT_STARTED
+      reportFatalAndExit("Failed to initialize Kestrel JVM application: " + std::to_string(result),
+                         result, true);
+    });
+    jvmThread.join();
+  }
+
+  if (launchResult != 0) exitAfterStartup = true;
+  if (exitAfterStartup) return launchResult;
+
+  LOG_RECORD(INFO, "run") << "JVM Start completed!";
+  LOG_RECORD(INFO, "run") << "JVM was created. Going to call runApp()";
+  runApp();
+  LOG_RECORD(INFO, "run") << "runApp() has finished";
+  return 0;
+}
+
+int main(int argc, char** argv) { return run(argc, argv); }

@@ -1,0 +1,10 @@
+#import <Foundation/Foundation.h>
+
+#include "platform/InstallDir.h"
+
+// Built with automatic reference counting: the returned characters live as long as the string
+// that the compiler retains and autoreleases on the way out.
+const char* getExecutableDir() {
+  NSString* program = NSProcessInfo.processInfo.arguments[0];
+  return program.stringByDeletingLastPathComponent.fileSystemRepresentation;
+}

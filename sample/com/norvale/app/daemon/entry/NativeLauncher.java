@@ -1,0 +1,96 @@
+package com.norvale.app.daemon.entry;
+
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.TreeSet;
+
+/**
+ * A small application for the launcher to start. It prints its command line and the properties that
+ * the launcher set, then does what the first argument behind the program path asks for:
+ *
+ * <pre>
+ *   status N     main yields N to the launcher
+ *   exit N       System.exit(N)
+ *   throw        main ends with an exception
+ *   exhaust      fills the Java heap
+ *   threads N    starts N threads at once and waits for them
+ *   anything     main yields 0
+ * </pre>
+ */
+public final class NativeLauncher {
+  private NativeLauncher() {}
+
+  /**
+   * The launcher calls this void method for an int and takes what the last call in it returned. Only
+   * a main that ends with a call of an int-returning method thus has a status to rely on.
+   */
+  public static void main(String[] args) {
+    print(args);
+    perform(args);
+    statusOf(args);
+  }
+
+  private static int statusOf(String[] args) {
+    return command(args).equals("status") ? number(args) : 0;
+  }
+
+  private static void perform(String[] args) {
+    switch (command(args)) {
+      case "exit" -> System.exit(number(args));
+      case "throw" -> throw new IllegalStateException("the sample was asked to throw");
+      case "exhaust" -> exhaustHeap();
+      case "threads" -> startThreads(number(args));
+      default -> {}
+    }
+  }
+
+  private static String command(String[] args) {
+    return args.length > 1 ? args[1] : "";
+  }
+
+  private static int number(String[] args) {
+    return Integer.parseInt(args[2]);
+  }
+
+  private static void print(String[] args) {
+    for (int i = 0; i < args.length; i++) {
+      System.out.println("argument " + i + ": " + args[i]);
+    }
+    for (String name : new TreeSet<>(System.getProperties().stringPropertyNames())) {
+      if (isLaunchers(name)) {
+        System.out.println(name + "=" + System.getProperty(name));
+      }
+    }
+    System.out.flush();
+  }
+
+  private static boolean isLaunchers(String name) {
+    List<String> prefixes = Arrays.asList("kestrel.", "KESTREL_", "jna.", "plume.", "apple.laf.");
+    List<String> names = Arrays.asList("java.class.path", "java.io.tmpdir", "user.dir");
+    return names.contains(name) || prefixes.stream().anyMatch(name::startsWith);
+  }
+
+  private static void exhaustHeap() {
+    List<byte[]> blocks = new ArrayList<>();
+    while (true) {
+      blocks.add(new byte[1 << 20]);
+    }
+  }
+
+  private static void startThreads(int count) {
+    List<Thread> threads = new ArrayList<>();
+    for (int i = 0; i < count; i++) {
+      Thread thread = new Thread(() -> Thread.yield());
+      threads.add(thread);
+      thread.start();
+    }
+    for (Thread thread : threads) {
+      try {
+        thread.join();
+      } catch (InterruptedException e) {
+        throw new IllegalStateException(e);
+      }
+    }
+  }
+}
