@@ -1,0 +1,142 @@
+// What of the JVM's creation no start of the launcher reaches: file-local functions, the args file,
+// failing system calls.
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace {
+
+long pageSize = 0;
+bool isMemoryOut = false;
+
+long fakeSysconf(int name) { return name == _SC_PAGESIZE ? pageSize : -1; }
+void* fakeMalloc(std::size_t size) { return isMemoryOut ? nullptr : std::malloc(size); }
+
+}  // namespace
+
+#include <gtest/gtest.h>
+
+#include "bundle.h"
+#define malloc fakeMalloc
+#include "jvm/JVMOptions.cpp"
+#undef malloc
+#define sysconf fakeSysconf
+#include "jvm/KestrelJVMHost.cpp"
+#undef sysconf
+
+namespace {
+
+TEST(StackSize, IsEightPagesButNotBelowTheFloor) {
+  const std::pair<long, const char*> rows[] = {
+      {4096, "-Xss384k"},  {16384, "-Xss384k"}, {49152, "-Xss384k"}, {50176, "-Xss392k"},
+      {65536, "-Xss512k"}, {1000, "-Xss384k"},  {0, "-Xss384k"},     {-1, "-Xss384k"}};
+  for (const auto& [bytes, option] : rows) {
+    pageSize = bytes;
+    EXPECT_EQ(computeStackSizeOpt(), option) << bytes;
+  }
+}
+
+TEST(StringReplace, GoesOnBehindWhatItPutIn) {
+  const struct {
+    const char *s, *from, *to, *result;
+  } rows[] = {
+      {"a:b:c", ":", "\n", "a\nb\nc"}, {"aaa", "aa", "aab", "aaba"}, {"::", ":", "::", "::::"},
+      {"a:b", "", "x", "a:b"},         {"", ":", "x", ""},           {"ab", "b", "", "a"}};
+  for (const auto& row : rows) EXPECT_EQ(string_replace(row.s, row.from, row.to), row.result);
+  EXPECT_TRUE(endsWith(".jar", ".jar"));
+  EXPECT_FALSE(endsWith("jar", ".jar"));
+}
+
+// Each test is a process of its own, with a log and a scripted JVM of its own.
+class Host : public testing::Test {
+ protected:
+  Host() {
+    setenv("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE", bundle.bin.c_str(), 1);
+    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", bundle.logs.c_str(), 1);
+    setenv("SCRIPTED_JVM_CALLS", (bundle.root / "calls").c_str(), 1);
+    initialize_logging(false);
+  }
+  std::string messages() const { return messagesOf(readFile(bundle.log)); }
+
+  // The options that a start gives the JVM before those of the class path.
+  std::string userOptions(const std::string& argsFile = "") const {
+    fs::remove(bundle.root / "calls");
+    EXPECT_NE(KestrelJVMHost::startJVM(argsFile), nullptr);
+    const std::string calls = readFile(bundle.root / "calls");
+    return calls.substr(0, calls.find(" -Dkestrel.jars.path=")).substr(sizeof "CreateJavaVM");
+  }
+
+  const Bundle bundle;
+};
+
+int print(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = jvm_vprintf(nullptr, format, arguments);
+  va_end(arguments);
+  return length;
+}
+
+TEST_F(Host, HooksWriteTheJvmsWordsIntoTheLog) {
+  EXPECT_EQ(print("%s occurred\n", "Error"), 15);
+  EXPECT_EQ(print("%s", std::string(2000, 'x').c_str()), 2000);
+  jvm_exit(3);
+  jvm_abort();
+  EXPECT_EQ(messages(),
+            " jvm_vprintf JVM:  Error occurred\n\n jvm_vprintf JVM:  " + std::string(1019, 'x') +
+                "\n jvm_exit JVM: exit( 3 )\n jvm_abort JVM: abort()\n");
+}
+
+TEST_F(Host, DebugPortIsReadAsANumber) {
+  const std::string agent = "-Xmx160m -agentlib:jdwp=transport=dt_socket,server=y,suspend=";
+  const std::string any = agent + "n,address=*:0", wait = agent + "y,address=*:";
+  const std::string anyRecord = "n on any available port\n";
+  const struct {
+    std::string value, options, left, record;
+  } rows[] = {{"5005x", wait + "5005", "0", "y on port  5005\n"},
+              {" 05005", wait + "5005", "0", "y on port  5005\n"},
+              {"-5", wait + "-5", "0", "y on port  -5\n"},
+              {"0", any, "0", anyRecord},
+              {"abc", any, "abc", anyRecord},
+              {" ", any, " ", anyRecord},
+              {"99999999999", any, "99999999999", anyRecord},
+              {"", "-Xmx160m", "", ""}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.value);
+    fs::remove(bundle.log);
+    setenv("NORVALED_DEBUG_PORT", row.value.c_str(), 1);
+    EXPECT_EQ(userOptions(), row.options);
+    EXPECT_STREQ(std::getenv("NORVALED_DEBUG_PORT"), row.left.c_str());
+    const std::string record = " startJVM Enabling JDWP with suspend=";
+    EXPECT_EQ(contains(readFile(bundle.log), record + row.record), !row.record.empty());
+    EXPECT_EQ(contains(readFile(bundle.log), record), !row.record.empty());
+  }
+}
+
+TEST_F(Host, UsersOptionsKeepTheirOrder) {
+  const fs::path file = bundle.root / "args";
+  writeFile(file, "-Xmx2g -x\n\n  -Da=1\r");
+  setenv("NORVALED_DEBUG_PORT", "0", 1);
+  setenv("NORVALED_JVM_ARGS", "  -Db=2\t-Xms64m \v\f\r\n", 1);
+  EXPECT_EQ(userOptions(file),
+            "-Xmx160m -Xmx2g -x    -Da=1\r -agentlib:jdwp=transport=dt_socket,"
+            "server=y,suspend=n,address=*:0 -Db=2 -Xms64m");
+  EXPECT_TRUE(contains(messages(), " startJVM Adding JVM args from NORVALED_JVM_ARGS:    -Db=2\t"));
+  setenv("NORVALED_DEBUG_PORT", "", 1);
+  setenv("NORVALED_JVM_ARGS", "", 1);
+  writeFile(file, "-Dlast\n");
+  EXPECT_EQ(userOptions(file), "-Xmx160m -Dlast");
+
+  fs::remove(file);
+  EXPECT_EQ(KestrelJVMHost::startJVM(file), nullptr);
+  EXPECT_TRUE(messages().ends_with(
+      "lib/libjli.dylib\n startJVM Unable to open jvm args file:  " + file.string() + "\n"));
+}
+
+TEST_F(Host, OutOfMemoryForOptionsReachesTheJvm) {
+  isMemoryOut = true;
+  EXPECT_EQ(userOptions().find("(null) (null) "), 0U);
+  EXPECT_TRUE(contains(messages(), " startJVM JVM Args: \n\t\n\t\n"));
+}
+
+}  // namespace

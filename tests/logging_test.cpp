@@ -1,0 +1,111 @@
+// The log's inside, which a start of the launcher does not show: each test begins a fresh process.
+#include "logging/Logging.cpp"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+
+#include "bundle.h"
+
+namespace {
+
+std::time_t clockShows = 0;
+
+}  // namespace
+
+// Stands before the C library's for this program.
+extern "C" std::time_t time(std::time_t* /*result*/) noexcept { return clockShows; }
+
+namespace {
+
+const Bundle bundle;
+
+class Log : public testing::Test {
+ protected:
+  Log() {
+    setenv("TZ", "UTC", 1);
+    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", bundle.logs.c_str(), 1);
+  }
+};
+
+TEST_F(Log, LineIsExact) {
+  LOG_RECORD(ERROR, "early") << "is lost";
+  EXPECT_EQ(format_log_message(" x").rfind("NOT INITIALIZED1970-01-01 00:00:00.000 INFO ", 0), 0U);
+  EXPECT_FALSE(fs::exists(bundle.logs));
+
+  writeFile(bundle.root / "x", "");
+  fs::create_directories(bundle.logs);
+  writeFile(bundle.log, "earlier\n");
+  initialize_logging(true);
+  const std::string start =
+      "earlier\n\n\n==========================================\nLogger initialized\n";
+  EXPECT_EQ(readFile(bundle.log), start);
+
+  testing::internal::CaptureStderr();
+  clockShows = 1794810225;
+  { DumpLoggerBuilder nothing(DumpLoggerBuilder::WARN); }
+  LOG_RECORD(ERROR, "f") << "a" << std::string(" b ") << -5 << 0;
+  clockShows = 1794810999;
+  LOG_RECORD(DEBUG, "f") << "two\nlines";
+  clockShows = 1794811000;
+  LOG_RECORD(INFO, "f");
+  const std::string id = "0.8.6886 " + std::to_string(getpid()) + " 2026-11-16 0";
+  const std::string tag = " INFO   ---- (native)                 ";
+  const std::string lines = id + "6:23:45.225" + tag + "\n" + id + "6:23:45.225" + tag +
+                            " f a  b  -5 0\n" + id + "6:36:39.999" + tag + " f two\nlines\n" + id +
+                            "6:36:40.000" + tag + " f\n";
+  EXPECT_EQ(readFile(bundle.log), start + lines);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), lines);
+
+  // A file that is gone comes back without banner; the environment is not asked again.
+  fs::remove(bundle.log);
+  setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", "/elsewhere", 1);
+  LOG_RECORD(INFO, "f");
+  EXPECT_EQ(readFile(bundle.log), id + "6:36:40.000" + tag + " f\n");
+  EXPECT_EQ(getLogsHome(), bundle.logs);
+  EXPECT_EXIT(reportFatalAndExit("end", 53, false), testing::ExitedWithCode(53), "Exit end");
+}
+
+TEST_F(Log, ThirdRecordAtOnceIsDropped) {
+  initialize_logging(false);
+  for (int inFlight : {0, 1, 2, 3}) {
+    massage_handler_logging = inFlight;
+    LOG_RECORD(INFO, "f") << inFlight;
+    EXPECT_EQ(massage_handler_logging, inFlight);
+  }
+  EXPECT_EQ(messagesOf(readFile(bundle.log)), " f 0\n f 1\n");
+}
+
+TEST_F(Log, ManyThreadsLeaveWholeLines) {
+  initialize_logging(false);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([] {
+      for (int n = 0; n < 200; ++n) LOG_RECORD(INFO, "f") << std::string(9000, 'x');
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(massage_handler_logging, 0);
+  const std::string whole = " f " + std::string(9000, 'x');
+  std::istringstream lines(messagesOf(readFile(bundle.log)));
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) ASSERT_EQ(line, whole);
+  EXPECT_GT(count, 0);
+}
+
+TEST_F(Log, LongPathsAreCut) {
+  std::string directory = bundle.root / "";
+  while (directory.size() < 1900) directory += std::string(99, 'd') + "/";
+  directory.resize(2046, 'e');
+  setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", directory.c_str(), 1);
+  // The file's name is cut down to the folder's own, which is no file.
+  EXPECT_EXIT(initialize_logging(true), testing::ExitedWithCode(1),
+              "Failed to open log file for writing: " + directory + "/kestrel-native.log");
+  directory.resize(2037);
+  setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", directory.c_str(), 1);
+  initialize_logging(false);
+  EXPECT_TRUE(fs::exists(directory + "/kestrel-n"));
+}
+
+}  // namespace
