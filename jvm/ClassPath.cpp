@@ -15,8 +15,10 @@ std::string collectJars(const std::string& dir) {
     LOG_RECORD(ERROR, "collectJars") << "Directory " << dir << " is missing or not accessible";
     return classPath;
   }
+  // cppcheck-suppress variableScope; out here it keeps its memory
+  std::string name;
   while (const dirent* entry = readdir(directory)) {
-    const std::string name = entry->d_name;
+    name = entry->d_name;
     if (!endsWith(name, ".jar")) continue;
     if (!classPath.empty()) classPath += CLASSPATH_SEPARATOR;
     classPath.append(dir).append(name);
@@ -32,14 +34,10 @@ bool endsWith(const std::string& s, const std::string& suffix) {
 
 std::string string_replace(std::string s, const std::string& from, const std::string& to) {
   if (from.empty()) return s;
-  std::string replaced;
-  replaced.reserve(s.size());
-  std::size_t start = 0;
-  for (std::size_t hit; (hit = s.find(from, start)) != std::string::npos;
-       start = hit + from.size()) {
-    replaced.append(s, start, hit - start).append(to);
+  for (std::size_t i = 0; (i = s.find(from, i)) != std::string::npos; i += to.size()) {
+    s.replace(i, from.size(), to);
   }
-  return replaced.append(s, start);
+  return s;
 }
 
 void addClassPathOptions(JVMOptions& options) {

@@ -16,6 +16,10 @@
 #include "logging/Logging.h"
 #include "platform/InstallDir.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace {
 
 using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
@@ -79,17 +83,35 @@ void addDiagnosticsOptions(JVMOptions& options) {
 
 // One option per line, each behind a tab; the last line holds the tab alone.
 std::string describe(const JVMOptions& options) {
-  std::string text = "\n\t";
+  constexpr char NEXT_LINE[] = "\n\t";
+  std::size_t size = sizeof NEXT_LINE;
+  for (const JavaVMOption& option : options) {
+    if (option.optionString != nullptr) size += strlen(option.optionString);
+    size += sizeof NEXT_LINE;
+  }
+  std::string text;
+  text.reserve(size);  // the class path may be long
+  text = NEXT_LINE;
   for (const JavaVMOption& option : options) {
     if (option.optionString != nullptr) text += option.optionString;
-    text += "\n\t";
+    text += NEXT_LINE;
   }
   return text;
 }
 
+// The options of a JVM that was not created stay allocated, on purpose: the process is about to
+// end. The leak checker is told of just these.
+void leakOnPurpose([[maybe_unused]] const JVMOptions& options) {
+#ifdef __SANITIZE_ADDRESS__
+  for (const JavaVMOption& option : options) __lsan_ignore_object(option.optionString);
+#endif
+}
+
 }  // namespace
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): by value is the interface.
+// By value is the interface.
+// cppcheck-suppress passedByValue
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   const auto createJavaVM = reinterpret_cast<CreateJavaVM>(resolveJNICreateFunction());
   if (createJavaVM == nullptr) {
@@ -119,6 +141,7 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   if (code != JNI_OK) {
     // The words and the line break at the end are meant; nothing exits here.
     LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
+    leakOnPurpose(options);
     return nullptr;
   }
   for (const JavaVMOption& option : options) free(option.optionString);

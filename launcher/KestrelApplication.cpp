@@ -73,12 +73,11 @@ static int run(int argc, char** argv) {
 
   {
     std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
-      int result = NOT_STARTED;
       JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
       if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
 
       LOG_RECORD(INFO, "operator()") << "JVM calling main";
-      result = KestrelJVMApp::callMainMethod(vm, argc, argv);
+      const int result = KestrelJVMApp::callMainMethod(vm, argc, argv);
       LOG_RECORD(INFO, "operator()") << "JVM main ended";
 
       if (result == 0) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-CFRunLoopTimerRef keepAlive = nullptr;
+CFRunLoopTimerRef installed = nullptr;
 std::vector<CFRunLoopRunResult> results;
 
 // Keeps what the launcher creates, so that a test can end it.
@@ -19,8 +19,8 @@ CFRunLoopTimerRef createTimer(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
   EXPECT_EQ(fireDate, 1.7976931348623157e+308);
   EXPECT_EQ(interval, 0.0);
   EXPECT_EQ(context, nullptr);
-  keepAlive = CFRunLoopTimerCreate(allocator, fireDate, interval, flags, order, callout, context);
-  return keepAlive;
+  installed = CFRunLoopTimerCreate(allocator, fireDate, interval, flags, order, callout, context);
+  return installed;
 }
 
 // The launcher's own limit is never reached: the second run gets a short one.
@@ -54,7 +54,7 @@ TEST(RunApp, EndsOnlyWhenTheLoopHasFinished) {
   const auto tick = [](CFRunLoopTimerRef timer, void* loop) {
     if (++fired == 1) CFRunLoopStop(static_cast<CFRunLoopRef>(loop));
     if (results.size() < 2) return;
-    CFRunLoopTimerInvalidate(keepAlive);
+    CFRunLoopTimerInvalidate(installed);
     CFRunLoopTimerInvalidate(timer);
   };
   CFRunLoopTimerRef ticker = CFRunLoopTimerCreate(

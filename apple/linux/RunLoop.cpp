@@ -151,6 +151,7 @@ CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds
     dropInvalidTimers(loop);
     const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
     if (now >= deadline) return kCFRunLoopRunTimedOut;
+    // cppcheck-suppress knownConditionTrueFalse; another thread, or a timer, may have set it
     if (loop->stopRequested) return kCFRunLoopRunStopped;
     timer = nextTimer(loop, mode);
     if (timer == nullptr) return kCFRunLoopRunFinished;

@@ -1,0 +1,38 @@
+// What the launcher assumes of Apple's interfaces. It holds or fails at compile time: with Apple's
+// SDK for the SDK, elsewhere for the declarations that stand in for it.
+#include <CoreFoundation/CoreFoundation.h>
+#include <objc/runtime.h>
+
+#include <cstddef>
+#include <type_traits>
+#ifdef __OBJC__
+#import <Foundation/Foundation.h>
+#endif
+
+#define SAME(declared, ...) static_assert(std::is_same_v<declared, __VA_ARGS__>)
+
+SAME(Boolean, unsigned char);
+SAME(CFIndex, signed long);
+SAME(CFOptionFlags, unsigned long);
+SAME(CFAbsoluteTime, double);
+SAME(CFTimeInterval, double);
+SAME(std::underlying_type_t<CFRunLoopRunResult>, int);
+static_assert(kCFRunLoopRunFinished == 1 && kCFRunLoopRunStopped == 2);
+static_assert(kCFRunLoopRunTimedOut == 3 && kCFRunLoopRunHandledSource == 4);
+static_assert(offsetof(CFRunLoopTimerContext, info) == 8 && sizeof(CFRunLoopTimerContext) == 40);
+SAME(decltype(kCFAllocatorDefault), const CFAllocatorRef);
+SAME(decltype(kCFRunLoopDefaultMode), const CFStringRef);
+SAME(decltype(CFRelease), void(const void*));
+SAME(decltype(CFRunLoopGetCurrent), CFRunLoopRef());
+SAME(decltype(CFRunLoopAddTimer), void(CFRunLoopRef, CFRunLoopTimerRef, CFStringRef));
+SAME(decltype(CFRunLoopRunInMode), CFRunLoopRunResult(CFStringRef, double, unsigned char));
+SAME(decltype(CFRunLoopTimerCreate),
+     CFRunLoopTimerRef(CFAllocatorRef, double, double, unsigned long, long,
+                       void (*)(CFRunLoopTimerRef, void*), CFRunLoopTimerContext*));
+SAME(decltype(objc_lookUpClass), Class(const char*));
+#ifdef __OBJC__
+SAME(NSUInteger, unsigned long);
+SAME(decltype(NSProcessInfo.processInfo), NSProcessInfo*);
+SAME(decltype(NSProcessInfo.processInfo.arguments), NSArray<NSString*>*);
+SAME(decltype(@"".stringByDeletingLastPathComponent.fileSystemRepresentation), const char*);
+#endif
