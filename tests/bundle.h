@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,14 +19,11 @@ namespace fs = std::filesystem;
 using Strings = std::vector<std::string>;
 
 inline std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
-inline void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path) << text;
-}
+inline void writeFile(const fs::path& path, const std::string& s) { std::ofstream(path) << s; }
 
 inline bool contains(const std::string& text, const std::string& piece) {
   return text.find(piece) != std::string::npos;
@@ -35,21 +31,17 @@ inline bool contains(const std::string& text, const std::string& piece) {
 
 // All from `start` on; empty when `text` lacks it.
 inline std::string from(const std::string& text, const std::string& start) {
-  const std::size_t found = text.find(start);
-  return found == std::string::npos ? "" : text.substr(found);
+  return contains(text, start) ? text.substr(text.find(start)) : "";
 }
 
 // What the lines behind a log's last banner say, without version, process, time and level.
 inline std::string messagesOf(const std::string& log) {
-  const std::string banner = "Logger initialized\n";
-  const std::string tag = " INFO   ---- (native)                 ";
-  const std::size_t start = log.rfind(banner);
-  if (start == std::string::npos) return "";
-  std::istringstream lines(log.substr(start + banner.size()));
+  const std::string banner = "Logger initialized\n", tag = " INFO   ---- (native)                 ";
+  if (!contains(log, banner)) return "";
+  std::istringstream lines(log.substr(log.rfind(banner) + banner.size()));
   std::string messages;
   for (std::string line; std::getline(lines, line);) {
-    messages += contains(line, tag) ? from(line, tag).substr(tag.size()) : line;
-    messages += "\n";
+    messages += (contains(line, tag) ? from(line, tag).substr(tag.size()) : line) + "\n";
   }
   return messages;
 }
@@ -58,7 +50,7 @@ struct Start {
   Strings arguments = {};
   Strings environment = {};  // "NAME=value", or "NAME" to have it unset
   std::string program = {};  // argv[0]; the launcher's absolute path if empty
-  std::string directory = {};
+  std::string directory = ".";
   std::function<void()> beforeExec = [] {};
 };
 
@@ -80,37 +72,34 @@ class Bundle {
   }
   ~Bundle() { fs::remove_all(root); }
 
-  // The process id. Of this process's own environment only what tools need is handed on.
+  // The process id.
   int start(const Start& how) const {
-    std::map<std::string, std::string> variables = {{"KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs},
-                                                    {"SCRIPTED_JVM_CALLS", root / "calls"}};
-    for (const char* name : {"PATH", "ASAN_OPTIONS", "KESTREL_AGGRESSIVE_OPTIMIZATIONS"}) {
-      if (const char* value = std::getenv(name)) variables[name] = value;
-    }
-    for (const std::string& change : how.environment) {
-      const std::size_t sign = change.find('=');
-      variables.erase(change.substr(0, sign));
-      if (sign != std::string::npos) variables[change.substr(0, sign)] = change.substr(sign + 1);
-    }
-    Strings strings = {how.program.empty() ? launcher.string() : how.program};
-    strings.insert(strings.end(), how.arguments.begin(), how.arguments.end());
-    const std::size_t argc = strings.size();
-    for (const auto& [name, value] : variables) strings.push_back(name + "=" + value);
-    std::vector<char*> argv, envp;
-    for (std::size_t i = 0; i < strings.size(); ++i) {
-      (i < argc ? argv : envp).push_back(strings[i].data());
-    }
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-
     const int pid = fork();
     if (pid != 0) return pid;
+    Strings environment = {"HOME",
+                           "TEST_TMPDIR",
+                           "TMPDIR",
+                           "NORVALED_JVM_ARGS",
+                           "SCRIPTED_JVM_CALLS=" + (root / "calls").string(),
+                           "KESTREL_NATIVE_LOG_DIR_OVERRIDE=" + logs.string()};
+    environment.insert(environment.end(), how.environment.begin(), how.environment.end());
+    for (const std::string& change : environment) {
+      const std::size_t sign = change.find('=');
+      unsetenv(change.substr(0, sign).c_str());
+      if (sign != std::string::npos) putenv(const_cast<char*>(change.c_str()));
+    }
+    Strings command = {how.program.empty() ? launcher.string() : how.program};
+    command.insert(command.end(), how.arguments.begin(), how.arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : command) argv.push_back(word.data());
+    argv.push_back(nullptr);
+
     const int output = open((root / "output").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0666);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
-    if (!how.directory.empty() && chdir(how.directory.c_str()) != 0) _exit(126);
+    if (chdir(how.directory.c_str()) != 0) _exit(126);
     how.beforeExec();
-    execve(launcher.c_str(), argv.data(), envp.data());
+    execv(launcher.c_str(), argv.data());
     _exit(127);
   }
 
@@ -119,13 +108,12 @@ class Bundle {
     waitpid(pid, &status, 0);
     const std::string text = readFile(log), calls = readFile(root / "calls");
     fs::remove(root / "calls");
-    const std::size_t created = calls.find('\n');
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
             readFile(root / "output"),
             text,
             messagesOf(text),
-            created == std::string::npos ? "" : calls.substr(created + 1),
-            calls.substr(0, created)};
+            from(calls, "\n").substr(calls.empty() ? 0 : 1),
+            calls.substr(0, calls.find('\n'))};
   }
 
   Result run(const Start& how = {}) const { return finish(start(how)); }

@@ -68,18 +68,18 @@ TEST(Fault, OrdinaryUserWithoutTheMeans) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const Bundle bundle;
   fs::create_directory(bundle.logs);
-  const Result unwritable = bundle.run({{}, {}, "", "", [] {
-                                          if (setuid(NOBODY) != 0) _exit(126);
-                                        }});
-  EXPECT_EQ(unwritable.status, 1);
+  const auto becomeNobody = [] {
+    if (setuid(NOBODY) != 0) _exit(126);
+  };
+  EXPECT_EQ(bundle.run({.beforeExec = becomeNobody}).status, 1);
   EXPECT_TRUE(fs::is_empty(bundle.logs));
 
   fs::permissions(bundle.logs, fs::perms(0777));
-  const Result noThread = bundle.run({{}, {}, "", "", [] {
-                                        const rlimit one{1, 1};
-                                        if (setrlimit(RLIMIT_NPROC, &one) != 0) _exit(126);
-                                        if (setuid(NOBODY) != 0) _exit(126);
-                                      }});
+  const Result noThread = bundle.run({.beforeExec = [&] {
+    const rlimit one{1, 1};
+    setrlimit(RLIMIT_NPROC, &one);
+    becomeNobody();
+  }});
   EXPECT_EQ(noThread.status, 128 + SIGABRT);
   EXPECT_EQ(noThread.messages, " run Program arguments:  \n");
 }

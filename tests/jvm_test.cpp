@@ -1,5 +1,6 @@
 // What of the JVM's creation no start of the launcher reaches: file-local functions, the args file,
 // failing system calls.
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -28,7 +29,7 @@ namespace {
 
 TEST(StackSize, IsEightPagesButNotBelowTheFloor) {
   const std::pair<long, const char*> rows[] = {
-      {4096, "-Xss384k"},  {16384, "-Xss384k"}, {49152, "-Xss384k"}, {50176, "-Xss392k"},
+      {4096, "-Xss384k"},  {16384, "-Xss384k"}, {50000, "-Xss384k"}, {50176, "-Xss392k"},
       {65536, "-Xss512k"}, {1000, "-Xss384k"},  {0, "-Xss384k"},     {-1, "-Xss384k"}};
   for (const auto& [bytes, option] : rows) {
     pageSize = bytes;
@@ -137,6 +138,7 @@ TEST_F(Host, OutOfMemoryForOptionsReachesTheJvm) {
   isMemoryOut = true;
   EXPECT_EQ(userOptions().find("(null) (null) "), 0U);
   EXPECT_TRUE(contains(messages(), " startJVM JVM Args: \n\t\n\t\n"));
+  EXPECT_EQ(dlsym(RTLD_DEFAULT, "JNI_CreateJavaVM"), nullptr);  // the library stays apart
 }
 
 }  // namespace

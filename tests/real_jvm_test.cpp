@@ -85,6 +85,7 @@ TEST_F(RealJvm, ListensForADebugger) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(getsid(pid), pid);  // a session of its own
   kill(pid, SIGKILL);
   const Result waiting = finish(pid);
   EXPECT_TRUE(contains(waiting.output, listening + std::to_string(port)));
