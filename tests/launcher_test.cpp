@@ -68,6 +68,7 @@ TEST(RunApp, EndsOnlyWhenTheLoopHasFinished) {
   EXPECT_EQ(messagesOf(readFile(bundle.log)), " runApp CoreFoundation event loop is finished\n");
   EXPECT_EQ(NSApplicationAWTClass, nullptr);
   timer_empty(nullptr, nullptr);
+  installed = nullptr;  // for the leak checker
 }
 
 TEST(Platform, DirectoryTestLooksAtOneBit) {
