@@ -3,8 +3,8 @@
 //
 //   measure ROUNDS NAME PROGRAM [ARG...] [-- NAME PROGRAM [ARG...]]...
 //
-// "to main" is the time from exec to the first byte on standard output. Ratios are those of the CPU
-// time and peak memory to the first program's, taken round by round.
+// "to main" is the time from exec to the first byte on standard output, 0 where none comes. Ratios
+// are those of the CPU time and peak memory to the first program's, taken round by round.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
