@@ -8,7 +8,7 @@ class KestrelJVMApp {
  public:
   // Calls the entry class's static main with the whole command line, argv[0] included, and returns
   // when it does. Called once, on the thread that created `vm`. The result is what main's call
-  // yielded (0 started, 1 exit after start-up; never 2), or after one or two records
+  // yielded (0 started, 1 exit after start-up; never 2), or after the records that tell why
   //   103  the thread cannot be attached
   //   104  the entry class is not found, with a Java exception
   //   105  the entry class is not found, without one

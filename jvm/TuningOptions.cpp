@@ -1,12 +1,12 @@
 // Switches in the environment and what they change:
 //
-//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0..."  COMPILER_AND_METADATA; G1_EXTRAS under G1
-//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1..." SERIAL_GC instead of G1_GC, and first
-//   choice KESTREL_GC_FORCE_PARALLEL_GC      off unless "1..." PARALLEL_GC instead of G1_GC
+//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0..."  COMPILER_AND_METADATA, under G1 G1_EXTRAS
+//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1..." SERIAL_GC, whatever the next one says
+//   KESTREL_GC_FORCE_PARALLEL_GC      off unless "1..." PARALLEL_GC; with neither G1_GC
 //   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0..."  RECLAIM, with every collector
 //   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set    the pause goal, with every collector
 //
-// The first character alone decides, never a word: "false" leaves a switch on, "true" leaves one
+// The first character alone decides, never a word: "false" leaves a switch on, "true" leaves it
 // off. That is meant.
 #include "jvm/TuningOptions.h"
 

@@ -1,4 +1,4 @@
-// The process entry's one operation that other code may call.
+// The process entry's part for the main thread, which the present start-up sequence does not reach.
 #ifndef KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 #define KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 
 namespace {
 
@@ -47,12 +48,14 @@ std::string format_log_message(const std::string& message) {
 }
 
 bool write_message_to_file(const std::string& line) {
-  std::FILE* file = std::fopen(logFile, "a");
-  if (file == nullptr) file = std::fopen(logFile, "w");
+  // The stream's buffer holds the whole line, which thus goes out as one append: two processes that
+  // share the log cannot tear each other's lines.
+  const std::size_t size = line.size() + 1;
+  const auto buffer = std::make_unique_for_overwrite<char[]>(size);
+  std::FILE* file = fopen(logFile, "a");
+  if (file == nullptr) file = fopen(logFile, "w");
   if (file == nullptr) return false;
-  // Without a stream buffer a line of any length goes out as one append, so that two processes
-  // sharing the log cannot tear each other's lines.
-  std::setvbuf(file, nullptr, _IONBF, 0);
+  std::setvbuf(file, buffer.get(), _IOFBF, size);
   std::fputs(line.c_str(), file);
   std::fclose(file);
   return true;

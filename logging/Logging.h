@@ -16,8 +16,8 @@
 // dropped without trace. No exception leaves the destructor: one raised inside ends the process.
 class DumpLoggerBuilder {
  public:
-  // Every record is emitted and shown as INFO whatever its level: the level is for the reader of
-  // the code and for a later filter, and is dropped on purpose.
+  // Every record is emitted and shown as INFO whatever its level, which is dropped on purpose:
+  // levels are for the reader of the code.
   enum LOG_LEVEL { DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
   explicit DumpLoggerBuilder(LOG_LEVEL /*level*/) {}

@@ -58,8 +58,30 @@ struct Result {
   int status;  // 128 and the signal's number for a process killed by one
   std::string output, log, messages;
   std::string calls;    // of the scripted JVM behind its creation, one a line
-  std::string options;  // that it was created with, a blank before each, hooks with an "@"
+  std::string options;  // its creation: a word, then each option behind a blank, hooks with an "@"
 };
+
+// Leaves nothing in the environment that steers the launcher or a JVM, but for what `changes` say.
+inline void setEnvironment(const Strings& changes) {
+  Strings all = {"HOME",
+                 "TEST_TMPDIR",
+                 "TMPDIR",
+                 "JAVA_TOOL_OPTIONS",
+                 "JDK_JAVA_OPTIONS",
+                 "NORVALED_JVM_ARGS",
+                 "NORVALED_DEBUG_PORT",
+                 "KESTREL_GC_FORCE_SERIAL_GC",
+                 "KESTREL_GC_FORCE_PARALLEL_GC",
+                 "KESTREL_GC_AGGRESSIVE_RECLAIM",
+                 "KESTREL_GC_MAX_PAUSE_MILLIS",
+                 "KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE"};
+  all.insert(all.end(), changes.begin(), changes.end());
+  for (const std::string& change : all) {
+    const std::string name = change.substr(0, change.find('='));
+    unsetenv(name.c_str());
+    if (name != change) setenv(name.c_str(), change.c_str() + name.size() + 1, 1);
+  }
+}
 
 class Bundle {
  public:
@@ -67,7 +89,7 @@ class Bundle {
   explicit Bundle(const std::string& runtimeLibrary = SCRIPTED_JVM) {
     for (const fs::path& folder : {bin, lib, jli.parent_path()}) fs::create_directories(folder);
     fs::permissions(root, fs::perms(0755));  // some starts are another user's
-    fs::create_symlink(LAUNCHER, launcher);
+    fs::copy_file(LAUNCHER, launcher);
     fs::create_symlink(runtimeLibrary, jli);
   }
   ~Bundle() { fs::remove_all(root); }
@@ -76,18 +98,9 @@ class Bundle {
   int start(const Start& how) const {
     const int pid = fork();
     if (pid != 0) return pid;
-    Strings environment = {"HOME",
-                           "TEST_TMPDIR",
-                           "TMPDIR",
-                           "NORVALED_JVM_ARGS",
-                           "SCRIPTED_JVM_CALLS=" + (root / "calls").string(),
-                           "KESTREL_NATIVE_LOG_DIR_OVERRIDE=" + logs.string()};
+    Strings environment = ownEnvironment();
     environment.insert(environment.end(), how.environment.begin(), how.environment.end());
-    for (const std::string& change : environment) {
-      const std::size_t sign = change.find('=');
-      unsetenv(change.substr(0, sign).c_str());
-      if (sign != std::string::npos) putenv(const_cast<char*>(change.c_str()));
-    }
+    setEnvironment(environment);
     Strings command = {how.program.empty() ? launcher.string() : how.program};
     command.insert(command.end(), how.arguments.begin(), how.arguments.end());
     std::vector<char*> argv;
@@ -117,6 +130,11 @@ class Bundle {
   }
 
   Result run(const Start& how = {}) const { return finish(start(how)); }
+
+  Strings ownEnvironment() const {
+    return {"SCRIPTED_JVM_CALLS=" + (root / "calls").string(),
+            "KESTREL_NATIVE_LOG_DIR_OVERRIDE=" + logs.string()};
+  }
 
   const fs::path root = [] {
     std::string name = fs::temp_directory_path() / "kestrel-XXXXXX";

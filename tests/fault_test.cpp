@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr uid_t NOBODY = 65534;
+constexpr uid_t NOBODY = 54321;  // without any process of its own
 const std::string ENDED = " operator() JVM main ended\n operator() JVM started successfully\n";
 
 Start mainThatRuns(const std::string& first, const std::string& second = "true") {
@@ -21,14 +21,14 @@ Start mainThatRuns(const std::string& first, const std::string& second = "true")
 
 TEST(Fault, LogDirectoryGoneForAWhile) {
   const Bundle bundle;
-  const std::string logs = bundle.logs;
-  const Result result =
-      bundle.run(mainThatRuns("mv " + logs + " " + logs + "2", "mv " + logs + "2 " + logs));
+  const std::string logs = bundle.logs, away = logs + "2";
+  const Result result = bundle.run(
+      mainThatRuns("mv '" + logs + "' '" + away + "'", "mv '" + away + "' '" + logs + "'"));
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(from(result.messages, " operator() JVM calling"),
             " operator() JVM calling main\n" + ENDED);
 
-  const Result removed = bundle.run(mainThatRuns("rm " + bundle.log.string()));
+  const Result removed = bundle.run(mainThatRuns("rm '" + bundle.log.string() + "'"));
   EXPECT_EQ(removed.status, 0);  // the file comes back, without its banner
   EXPECT_EQ(removed.log.rfind("0.8.6886 ", 0), 0U);
   EXPECT_EQ(messagesOf("Logger initialized\n" + removed.log),

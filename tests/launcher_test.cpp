@@ -1,15 +1,26 @@
 // The run loop and the look-ups that the start-up sequence does not show, called in process.
 #include <CoreFoundation/CoreFoundation.h>
 #include <gtest/gtest.h>
+#include <objc/runtime.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+
+#include <chrono>
+#include <thread>
 
 #include "bundle.h"
 #include "platform/InstallDir.h"
 
 namespace {
 
+std::string lookUps;  // before main
+Class lookUp(const char* name) {
+  lookUps += name;
+  return reinterpret_cast<Class>(&lookUps);
+}
+
 CFRunLoopTimerRef installed = nullptr;
+CFRunLoopTimerCallBack installedCallout = nullptr;
 std::vector<CFRunLoopRunResult> results;
 
 // Keeps what the launcher creates, so that a test can end it.
@@ -17,29 +28,45 @@ CFRunLoopTimerRef createTimer(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
                               CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
                               CFRunLoopTimerCallBack callout, CFRunLoopTimerContext* context) {
   EXPECT_EQ(fireDate, 1.7976931348623157e+308);
-  EXPECT_EQ(interval, 0.0);
-  EXPECT_EQ(context, nullptr);
-  installed = CFRunLoopTimerCreate(allocator, fireDate, interval, flags, order, callout, context);
-  return installed;
+  EXPECT_TRUE(interval == 0.0 && flags == 0 && order == 0 && context == nullptr);
+  installedCallout = callout;
+  return installed =
+             CFRunLoopTimerCreate(allocator, fireDate, interval, flags, order, callout, context);
 }
 
-// The launcher's own limit is never reached: the second run gets a short one.
+// Another thread stops the first run and ends the timer in the third; the second gets a short
+// limit.
 CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean afterSource) {
   EXPECT_EQ(mode, kCFRunLoopDefaultMode);
   EXPECT_EQ(seconds, 1.7976931348623157e+308);
   EXPECT_FALSE(afterSource);
-  const bool isSecond = results.size() == 1;
-  results.push_back(CFRunLoopRunInMode(mode, isSecond ? 0.01 : seconds, afterSource));
+  const std::size_t run = results.size();
+  std::thread other([run, loop = CFRunLoopGetCurrent()] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    if (run == 0) CFRunLoopStop(loop);
+    if (run == 2) CFRunLoopTimerInvalidate(installed);
+  });
+  results.push_back(CFRunLoopRunInMode(mode, run == 1 ? 0.01 : seconds, afterSource));
+  other.join();
   return results.back();
 }
 
 }  // namespace
 
+extern "C" void* pushPool() { return &(lookUps += "push "); }
+extern "C" void popPool(void* pool) { lookUps += pool == &lookUps ? " pop" : " pop of a stranger"; }
+
 #define CFRunLoopTimerCreate createTimer
 #define CFRunLoopRunInMode runInMode
+#define objc_autoreleasePoolPush pushPool
+#define objc_autoreleasePoolPop popPool
+#define objc_lookUpClass lookUp
 #define main launcherMain
 #include "launcher/KestrelApplication.cpp"
 #undef main
+#undef objc_lookUpClass
+#undef objc_autoreleasePoolPop
+#undef objc_autoreleasePoolPush
 #undef CFRunLoopRunInMode
 #undef CFRunLoopTimerCreate
 
@@ -49,26 +76,26 @@ TEST(RunApp, EndsOnlyWhenTheLoopHasFinished) {
   const Bundle bundle;
   setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", bundle.logs.c_str(), 1);
   initialize_logging(false);
-  static int fired = 0;
-  CFRunLoopTimerContext context{0, CFRunLoopGetCurrent(), nullptr, nullptr, nullptr};
-  const auto tick = [](CFRunLoopTimerRef timer, void* loop) {
-    if (++fired == 1) CFRunLoopStop(static_cast<CFRunLoopRef>(loop));
-    if (results.size() < 2) return;
-    CFRunLoopTimerInvalidate(installed);
-    CFRunLoopTimerInvalidate(timer);
-  };
-  CFRunLoopTimerRef ticker = CFRunLoopTimerCreate(
-      kCFAllocatorDefault, CFAbsoluteTimeGetCurrent() + 0.05, 0.05, 0, 0, tick, &context);
-  CFRunLoopAddTimer(CFRunLoopGetCurrent(), ticker, kCFRunLoopDefaultMode);
-  CFRelease(ticker);
+  int fired = 0;
+  CFRunLoopTimerContext context{0, &fired, nullptr, nullptr, nullptr};
+  const auto count = [](CFRunLoopTimerRef, void* info) { ++*static_cast<int*>(info); };
+  CFRunLoopTimerRef once = CFRunLoopTimerCreate(
+      kCFAllocatorDefault, CFAbsoluteTimeGetCurrent() + 0.01, 0, 0, 0, count, &context);
+  CFRunLoopAddTimer(CFRunLoopGetCurrent(), once, kCFRunLoopDefaultMode);
+  CFRelease(once);
 
   runApp();
   EXPECT_EQ(results, (std::vector<CFRunLoopRunResult>{kCFRunLoopRunStopped, kCFRunLoopRunTimedOut,
                                                       kCFRunLoopRunFinished}));
   EXPECT_EQ(messagesOf(readFile(bundle.log)), " runApp CoreFoundation event loop is finished\n");
-  EXPECT_EQ(NSApplicationAWTClass, nullptr);
-  timer_empty(nullptr, nullptr);
+  EXPECT_EQ(fired, 1);
+  EXPECT_EQ(installedCallout, timer_empty);
   installed = nullptr;  // for the leak checker
+}
+
+TEST(ApplicationClass, IsLookedUpBeforeMain) {
+  EXPECT_EQ(lookUps, "push NSApplicationAWT pop");
+  EXPECT_EQ(NSApplicationAWTClass, reinterpret_cast<Class>(&lookUps));
 }
 
 TEST(Platform, DirectoryTestLooksAtOneBit) {

@@ -1,8 +1,8 @@
 // The log's inside, which a start of the launcher does not show: each test begins a fresh process.
-#include "logging/Logging.cpp"
-
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <ctime>
 #include <thread>
 
 #include "bundle.h"
@@ -10,8 +10,17 @@
 namespace {
 
 std::time_t clockShows = 0;
+bool canAppend = true;
+
+FILE* fakeOpen(const char* path, const char* mode) {
+  return canAppend || *mode != 'a' ? std::fopen(path, mode) : nullptr;
+}
 
 }  // namespace
+
+#define fopen fakeOpen
+#include "logging/Logging.cpp"
+#undef fopen
 
 // Stands before the C library's in this program.
 extern "C" std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) {
@@ -20,14 +29,13 @@ extern "C" std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(null
 
 namespace {
 
-const Bundle bundle;
-
 class Log : public testing::Test {
  protected:
   Log() {
     setenv("TZ", "UTC", 1);
     setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", bundle.logs.c_str(), 1);
   }
+  const Bundle bundle;
 };
 
 TEST_F(Log, LineIsExact) {
@@ -38,9 +46,9 @@ TEST_F(Log, LineIsExact) {
   fs::create_directories(bundle.logs);
   writeFile(bundle.log, "earlier\n");
   initialize_logging(true);
-  const std::string start =
-      "earlier\n\n\n==========================================\nLogger initialized\n";
-  EXPECT_EQ(readFile(bundle.log), start);
+  initialize_logging(false);  // leaves the console on
+  const std::string banner = "\n\n==========================================\nLogger initialized\n";
+  const std::string start = "earlier\n" + banner + banner;
 
   testing::internal::CaptureStderr();
   clockShows = 1794810225;
@@ -50,6 +58,8 @@ TEST_F(Log, LineIsExact) {
   LOG_RECORD(DEBUG, "f") << "two\nlines";
   clockShows = 1794811000;
   LOG_RECORD(INFO, "f");
+  clockShows = std::time_t{1} << 31;  // the digits' arithmetic has 32 bits
+  EXPECT_TRUE(contains(format_log_message(""), " 2038-01-19 03:14:08.-648 INFO"));
   const std::string id = "0.8.6886 " + std::to_string(getpid()) + " 2026-11-16 0";
   const std::string tag = " INFO   ---- (native)                 ";
   const std::string lines = id + "6:23:45.225" + tag + "\n" + id + "6:23:45.225" + tag +
@@ -59,12 +69,15 @@ TEST_F(Log, LineIsExact) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), lines);
 
   // A file that is gone comes back without banner; the environment is not asked again.
+  clockShows = 1794811000;
   fs::remove(bundle.log);
   setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", "/elsewhere", 1);
   LOG_RECORD(INFO, "f");
   EXPECT_EQ(readFile(bundle.log), id + "6:36:40.000" + tag + " f\n");
   EXPECT_EQ(getLogsHome(), bundle.logs);
-  EXPECT_EXIT(reportFatalAndExit("end", 53, false), testing::ExitedWithCode(53), "Exit end");
+  canAppend = false;
+  LOG_RECORD(INFO, "g");
+  EXPECT_EQ(messagesOf(banner + readFile(bundle.log)), " g\n");
 }
 
 TEST_F(Log, ThirdRecordAtOnceIsDropped) {
@@ -94,6 +107,22 @@ TEST_F(Log, ManyThreadsLeaveWholeLines) {
   EXPECT_GT(count, 0);
 }
 
+TEST_F(Log, FatalEndsSayWhy) {
+  const auto fatal = [](int status) { return testing::ExitedWithCode(status); };
+  const auto end = [] {
+    std::atexit([] { std::fputs("handlers ran", stderr); });
+    isConsoleLoggingEnabled = true;
+    reportFatalAndExit("end", 53, false);
+  };
+  EXPECT_EXIT(end(), fatal(53), " reportFatalAndExit end\nhandlers ran");
+  const std::string file = bundle.launcher, invalid = "Invalid or inaccessible log directory: ";
+  for (const std::string& path : {std::string(), std::string("relative"), file, file + "/below"}) {
+    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", path.c_str(), 1);
+    EXPECT_EXIT(initialize_logging(true), fatal(1),
+                " reportFatalAndExit " + invalid + path + "\n$");
+  }
+}
+
 TEST_F(Log, LongPathsAreCut) {
   std::string directory = bundle.root / "";
   while (directory.size() < 1900) directory += std::string(99, 'd') + "/";
@@ -102,10 +131,11 @@ TEST_F(Log, LongPathsAreCut) {
   // The file's name is cut down to the folder's own, which is no file.
   EXPECT_EXIT(initialize_logging(true), testing::ExitedWithCode(1),
               "Failed to open log file for writing: " + directory + "/kestrel-native.log");
-  directory.resize(2037);
+  directory.resize(2100, 'e');
   setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", directory.c_str(), 1);
   initialize_logging(false);
-  EXPECT_TRUE(fs::exists(directory + "/kestrel-n"));
+  EXPECT_EQ(getLogsHome(), directory.substr(0, 2047));
+  EXPECT_TRUE(fs::is_regular_file(getLogsHome()));  // the file's path is cut in the same place
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 // A runtime library that writes down what it is given and answers as its script says:
 //
-//   SCRIPTED_JVM_CALLS  the file for one word per call
-//   SCRIPTED_JVM        words NAME=ANSWER: a code for "create", "attach" and "status" (of the
-//   entry's
-//                       call), "throws" or "missing" for what is looked up, "throws" for "call"
-//   SCRIPTED_JVM_MAIN   a shell command that the entry's call runs; then a line is printed through
-//   SCRIPTED_JVM_THEN   the launcher's hook, then this command is run
+//   SCRIPTED_JVM_CALLS  the file for one line per call
+//   SCRIPTED_JVM        words NAME=ANSWER: a code for "create", "attach" and "status", which is
+//   what
+//                       the entry's call yields; "throws" or "missing" for what is looked up;
+//                       "throws" for "call", the entry's
+//   SCRIPTED_JVM_MAIN   a shell command that the entry's call runs before it prints a line through
+//                       the launcher's hook
+//   SCRIPTED_JVM_THEN   a second command, behind the line
 #include <jni.h>
 
 #include <cstdarg>
@@ -93,7 +95,10 @@ const JNINativeInterface_ environmentFunctions = [] {
   f.DeleteLocalRef = [](JNIEnv*, jobject o) {
     note(o == reinterpret_cast<jobject>(1) ? "DeleteLocalRef" : "DeleteLocalRef of the exception");
   };
-  f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"); };
+  f.ExceptionClear = [](JNIEnv*) {
+    note("ExceptionClear");
+    pending = false;
+  };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};

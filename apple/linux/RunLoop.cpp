@@ -7,13 +7,15 @@
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 // One lock for all loops and timers: they are few, and a timer may be invalidated from any thread.
 namespace {
 
-std::mutex lock;
-std::condition_variable changed;
+// Never destroyed: a loop may still wait when another thread ends the process.
+std::mutex& lock = *new std::mutex;
+std::condition_variable& changed = *new std::condition_variable;
 
 // CoreFoundation counts seconds from 2001-01-01 00:00:00 UTC.
 constexpr double EPOCH_OFFSET = 978307200.0;
@@ -37,8 +39,11 @@ struct __CFRunLoop {
     CFRunLoopTimerRef timer;
     CFRunLoopMode mode;
   };
+  ~__CFRunLoop() {
+    for (const Entry& entry : entries) CFRelease(entry.timer);
+  }
   std::vector<Entry> entries;  // each holds a reference to its timer
-  bool stopRequested = false;
+  bool stopRequested = false;  // of the run that is under way, the innermost one
 };
 // NOLINTEND(*-reserved-identifier,cert-dcl*)
 
@@ -59,7 +64,7 @@ void dropInvalidTimers(CFRunLoopRef loop) {
 CFRunLoopTimerRef nextTimer(CFRunLoopRef loop, CFRunLoopMode mode) {
   CFRunLoopTimerRef next = nullptr;
   for (const auto& entry : loop->entries) {
-    if (entry.mode != mode) continue;
+    if (entry.mode != mode || !entry.timer->valid) continue;
     if (next == nullptr || entry.timer->fireDate < next->fireDate) next = entry.timer;
   }
   return next;
@@ -78,6 +83,31 @@ void fire(std::unique_lock<std::mutex>& held, CFRunLoopTimerRef timer) {
   timer->callout(timer, timer->info);
   held.lock();
   release(timer);
+}
+
+// All that are due at this moment, the earliest first.
+void fireDueTimers(std::unique_lock<std::mutex>& held, CFRunLoopRef loop, CFRunLoopMode mode) {
+  const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
+  for (CFRunLoopTimerRef timer = nextTimer(loop, mode); timer != nullptr && timer->fireDate <= now;
+       timer = nextTimer(loop, mode)) {
+    fire(held, timer);
+  }
+}
+
+CFRunLoopRunResult runUntil(CFAbsoluteTime deadline, std::unique_lock<std::mutex>& held,
+                            CFRunLoopRef loop, CFRunLoopMode mode) {
+  if (nextTimer(loop, mode) == nullptr) return kCFRunLoopRunFinished;
+  for (;;) {
+    fireDueTimers(held, loop, mode);
+    dropInvalidTimers(loop);
+    const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
+    if (now >= deadline) return kCFRunLoopRunTimedOut;
+    if (loop->stopRequested) return kCFRunLoopRunStopped;
+    const CFRunLoopTimerRef timer = nextTimer(loop, mode);
+    if (timer == nullptr) return kCFRunLoopRunFinished;
+    const double wait = std::min({timer->fireDate - now, deadline - now, LONGEST_WAIT});
+    if (wait > 0) changed.wait_for(held, std::chrono::duration<double>(wait));
+  }
 }
 
 }  // namespace
@@ -104,6 +134,7 @@ CFRunLoopRef CFRunLoopGetCurrent() {
   return &loop;
 }
 
+// Of the context only the info is taken; nobody here counts references to it.
 CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef /*allocator*/, CFAbsoluteTime fireDate,
                                        CFTimeInterval interval, CFOptionFlags /*flags*/,
                                        CFIndex /*order*/, CFRunLoopTimerCallBack callout,
@@ -124,6 +155,9 @@ void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer) {
 
 void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode mode) {
   const std::lock_guard<std::mutex> held(lock);
+  for (const auto& entry : loop->entries) {
+    if (entry.timer == timer && entry.mode == mode) return;
+  }
   ++timer->references;
   loop->entries.push_back({timer, mode});
   changed.notify_all();
@@ -139,28 +173,13 @@ void CFRunLoopStop(CFRunLoopRef loop) {
 CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
                                       Boolean /*returnAfterSourceHandled*/) {
   CFRunLoopRef loop = CFRunLoopGetCurrent();
-  const CFAbsoluteTime deadline = CFAbsoluteTimeGetCurrent() + seconds;
   std::unique_lock<std::mutex> held(lock);
-  dropInvalidTimers(loop);
-  CFRunLoopTimerRef timer = nextTimer(loop, mode);
-  if (timer == nullptr) return kCFRunLoopRunFinished;
-  loop->stopRequested = false;  // a request counts for the run in which it is made
-
-  for (;;) {
-    if (timer->fireDate <= CFAbsoluteTimeGetCurrent()) fire(held, timer);
-    dropInvalidTimers(loop);
-    const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
-    if (now >= deadline) return kCFRunLoopRunTimedOut;
-    // cppcheck-suppress knownConditionTrueFalse; another thread, or a timer, may have set it
-    if (loop->stopRequested) return kCFRunLoopRunStopped;
-    timer = nextTimer(loop, mode);
-    if (timer == nullptr) return kCFRunLoopRunFinished;
-    const double wait = std::min({timer->fireDate - now, deadline - now, LONGEST_WAIT});
-    if (wait > 0) changed.wait_for(held, std::chrono::duration<double>(wait));
-    dropInvalidTimers(loop);
-    timer = nextTimer(loop, mode);
-    if (timer == nullptr) return kCFRunLoopRunFinished;
-  }
+  // A timer may run the loop again: a stop request counts for the run in which it is made.
+  const bool outerStopRequested = std::exchange(loop->stopRequested, false);
+  const CFRunLoopRunResult result =
+      runUntil(CFAbsoluteTimeGetCurrent() + seconds, held, loop, mode);
+  loop->stopRequested = outerStopRequested;
+  return result;
 }
 
 }  // extern "C"
