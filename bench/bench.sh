@@ -37,7 +37,7 @@ system_calls() {
 
 # growth NAME COUNT...: a table of instructions; grow_NAME COUNT must set the array `arguments`.
 growth() {
-  local name=$1 count last= last_count= base= extra arguments=()
+  local name=$1 count last='' last_count='' base='' extra arguments=()
   shift
   echo "| $name | instructions | per one | exponent |"
   echo "|---|---|---|---|"
@@ -71,7 +71,7 @@ grow_arguments() {
 load_library "$build/bench/librefusing_jvm.so"
 echo "## The launcher's own share: the runtime library refuses at once"
 echo
-"$build/bench/measure" $((rounds * 10)) bare "$build/bench/bare" "$runtime/libjli.dylib" \
+"$build/bench/measure" $((rounds * 10)) 53 bare "$build/bench/bare" "$runtime/libjli.dylib" \
   -- launcher "$launcher"
 echo
 echo "| program | instructions | system calls |"
@@ -104,7 +104,7 @@ done
 echo
 echo "## A whole start with a JVM"
 echo
-"$build/bench/measure" "$rounds" floor "$build/bench/floor" "$runtime/libjli.dylib" \
+"$build/bench/measure" "$rounds" 0 floor "$build/bench/floor" "$runtime/libjli.dylib" \
   "$work/options" hello \
   -- launcher "$launcher" hello \
   -- java "$JAVA_HOME/bin/java" "${options[@]}" "$entry" hello \

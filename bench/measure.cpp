@@ -1,7 +1,9 @@
 // Times whole programs side by side: every round starts each of them once, so that what else the
 // machine does falls on all alike. Prints a Markdown table of medians.
 //
-//   measure ROUNDS NAME PROGRAM [ARG...] [-- NAME PROGRAM [ARG...]]...
+//   measure ROUNDS STATUS NAME PROGRAM [ARG...] [-- NAME PROGRAM [ARG...]]...
+//
+// Each must end with the exit status STATUS.
 //
 // "to main" is the time from exec to the first byte on standard output, 0 where none comes. Ratios
 // are those of the CPU time and peak memory to the first program's, taken round by round.
@@ -41,7 +43,7 @@ double milliseconds(const timeval& time) {
   return 1e3 * static_cast<double>(time.tv_sec) + 1e-3 * static_cast<double>(time.tv_usec);
 }
 
-Sample runOnce(const Program& program) {
+Sample runOnce(const Program& program, int expectedStatus) {
   int ends[2];
   if (pipe(ends) != 0) std::exit(1);
   posix_spawn_file_actions_t actions;
@@ -66,6 +68,10 @@ Sample runOnce(const Program& program) {
   rusage usage{};
   int status = 0;
   wait4(pid, &status, 0, &usage);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != expectedStatus) {
+    std::fprintf(stderr, "measure: %s did not end as it should\n", program.command[0]);
+    std::exit(1);
+  }
   sample.toExitMs = msSince(start);
   sample.cpuMs = milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
   sample.peakKiB = static_cast<double>(usage.ru_maxrss);
@@ -107,12 +113,12 @@ std::vector<Program> parse(char** words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) return 2;
-  const int rounds = std::stoi(argv[1]);
-  std::vector<Program> programs = parse(argv + 2);
-  for (const Program& program : programs) runOnce(program);  // warms the caches
+  if (argc < 5) return 2;
+  const int rounds = std::stoi(argv[1]), status = std::stoi(argv[2]);
+  std::vector<Program> programs = parse(argv + 3);
+  for (const Program& program : programs) runOnce(program, status);  // warms the caches
   for (int round = 0; round < rounds; ++round) {
-    for (Program& program : programs) program.samples.push_back(runOnce(program));
+    for (Program& program : programs) program.samples.push_back(runOnce(program, status));
   }
   std::puts(
       "| program | to main, ms | to exit, ms | CPU, ms | peak, MiB | CPU ratio | peak ratio |");
