@@ -114,7 +114,8 @@ std::vector<Program> parse(char** words) {
 
 int main(int argc, char** argv) {
   if (argc < 5) return 2;
-  const int rounds = std::stoi(argv[1]), status = std::stoi(argv[2]);
+  const int rounds = std::stoi(argv[1]);
+  const int status = std::stoi(argv[2]);
   std::vector<Program> programs = parse(argv + 3);
   for (const Program& program : programs) runOnce(program, status);  // warms the caches
   for (int round = 0; round < rounds; ++round) {

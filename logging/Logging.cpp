@@ -52,8 +52,8 @@ bool write_message_to_file(const std::string& line) {
   // share the log cannot tear each other's lines.
   const std::size_t size = line.size() + 1;
   const auto buffer = std::make_unique_for_overwrite<char[]>(size);
-  std::FILE* file = fopen(logFile, "a");
-  if (file == nullptr) file = fopen(logFile, "w");
+  std::FILE* file = std::fopen(logFile, "a");
+  if (file == nullptr) file = std::fopen(logFile, "w");
   if (file == nullptr) return false;
   std::setvbuf(file, buffer.get(), _IOFBF, size);
   std::fputs(line.c_str(), file);

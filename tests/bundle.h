@@ -3,6 +3,7 @@
 #define KESTREL_TESTS_BUNDLE_H_
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,7 +56,6 @@ struct Start {
 };
 
 struct Result {
-  int status;  // 128 and the signal's number for a process killed by one
   std::string output, log, messages;
   std::string calls;    // of the scripted JVM behind its creation, one a line
   std::string options;  // its creation: a word, then each option behind a blank, hooks with an "@"
@@ -116,20 +116,18 @@ class Bundle {
     _exit(127);
   }
 
-  Result finish(int pid) const {
+  // `expected` is the exit status, or 128 and the number of the signal that kills the process.
+  Result finish(int pid, int expected = 0) const {
     int status = 0;
     waitpid(pid, &status, 0);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), expected);
     const std::string text = readFile(log), calls = readFile(root / "calls");
     fs::remove(root / "calls");
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-            readFile(root / "output"),
-            text,
-            messagesOf(text),
-            from(calls, "\n").substr(calls.empty() ? 0 : 1),
-            calls.substr(0, calls.find('\n'))};
+    return {readFile(root / "output"), text, messagesOf(text),
+            from(calls, "\n").substr(calls.empty() ? 0 : 1), calls.substr(0, calls.find('\n'))};
   }
 
-  Result run(const Start& how = {}) const { return finish(start(how)); }
+  Result run(const Start& how = {}, int expected = 0) const { return finish(start(how), expected); }
 
   Strings ownEnvironment() const {
     return {"SCRIPTED_JVM_CALLS=" + (root / "calls").string(),

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -27,11 +28,11 @@ std::string variable(const char* name) {
 }
 
 std::string answer(const std::string& question) {
-  const std::string script = " " + variable("SCRIPTED_JVM") + " ";
-  const std::size_t start = script.find(" " + question + "=");
-  if (start == std::string::npos) return "";
-  const std::size_t sign = start + 1 + question.size();
-  return script.substr(sign + 1, script.find(' ', sign) - sign - 1);
+  std::istringstream words(variable("SCRIPTED_JVM"));
+  for (std::string word; words >> word;) {
+    if (word.starts_with(question + "=")) return word.substr(question.size() + 1);
+  }
+  return "";
 }
 
 int code(const char* question) { return std::atoi(answer(question).c_str()); }
