@@ -19,13 +19,13 @@ std::vector<CFRunLoopRunResult> results;
 // limit.
 CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean afterSource) {
   EXPECT_TRUE(mode == kCFRunLoopDefaultMode && seconds == 1.7976931348623157e+308 && !afterSource);
-  const std::size_t run = results.size();
-  std::thread other([run, loop = CFRunLoopGetCurrent()] {
+  const std::size_t turn = results.size();
+  std::thread other([turn, loop = CFRunLoopGetCurrent()] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    if (run == 0) CFRunLoopStop(loop);
-    if (run == 2) CFRunLoopTimerInvalidate(installed);
+    if (turn == 0) CFRunLoopStop(loop);
+    if (turn == 2) CFRunLoopTimerInvalidate(installed);
   });
-  results.push_back(CFRunLoopRunInMode(mode, run == 1 ? 0.01 : seconds, afterSource));
+  results.push_back(CFRunLoopRunInMode(mode, turn == 1 ? 0.01 : seconds, afterSource));
   other.join();
   return results.back();
 }

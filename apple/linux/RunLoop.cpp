@@ -14,8 +14,10 @@
 namespace {
 
 // Never destroyed: a loop may still wait when another thread ends the process.
+// NOLINTBEGIN(cert-err58-cpp): without memory there is no start at all.
 std::mutex& lock = *new std::mutex;
 std::condition_variable& changed = *new std::condition_variable;
+// NOLINTEND(cert-err58-cpp)
 
 // CoreFoundation counts seconds from 2001-01-01 00:00:00 UTC.
 constexpr double EPOCH_OFFSET = 978307200.0;
@@ -103,7 +105,7 @@ CFRunLoopRunResult runUntil(CFAbsoluteTime deadline, std::unique_lock<std::mutex
     const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
     if (now >= deadline) return kCFRunLoopRunTimedOut;
     if (loop->stopRequested) return kCFRunLoopRunStopped;
-    const CFRunLoopTimerRef timer = nextTimer(loop, mode);
+    CFRunLoopTimerRef timer = nextTimer(loop, mode);
     if (timer == nullptr) return kCFRunLoopRunFinished;
     const double wait = std::min({timer->fireDate - now, deadline - now, LONGEST_WAIT});
     if (wait > 0) changed.wait_for(held, std::chrono::duration<double>(wait));
