@@ -34,6 +34,7 @@ bool endsWith(const std::string& s, const std::string& suffix) {
 
 std::string string_replace(std::string s, const std::string& from, const std::string& to) {
   if (from.empty()) return s;
+  // In place, and linear for texts of one length as the separators are.
   for (std::size_t i = 0; (i = s.find(from, i)) != std::string::npos; i += to.size()) {
     s.replace(i, from.size(), to);
   }
