@@ -88,32 +88,6 @@ TEST(Launcher, EndsWith53WithoutJvm) {
   EXPECT_EQ(bundle.run({}, 53).messages, loading + noFunction + fatal);
 }
 
-// The option list with "@BIN", "@LOGS" and "@PID" for what a start puts in; hooks begin with an
-// "@".
-const std::string USER_GROUPS = R"( -Xmx160m -Dkestrel.jars.path=@BIN/../lib/ -Djna.nounpack=true
--Djna.nosys=true -Djna.noclasspath=true -Djava.class.path=@BIN/../lib/app.jar
--Djna.library.path=@BIN -Djna.boot.library.path=@BIN -Dplume.library.path=@BIN -Duser.dir=@BIN
--Dplume.metal.gpu.priority=integrated -Dapple.laf.useScreenMenuBar=true -Xms8m -Xss384k
--XX:+UnlockExperimentalVMOptions -XX:+CreateCoredumpOnCrash -XX:MetaspaceSize=16m
--XX:MinMetaspaceFreeRatio=10 -XX:MaxMetaspaceFreeRatio=10 -XX:+UseCompressedOops
--XX:+UseCompressedClassPointers)";
-const std::string COMPILER = R"( -XX:CompressedClassSpaceSize=64m -XX:ReservedCodeCacheSize=64m
--XX:+UseCodeCacheFlushing -XX:CICompilerCount=2 -XX:+UseCompactObjectHeaders
--XX:+UseStringDeduplication)";
-const std::string PLUME = " -Dplume.gpu.resourceCacheLimit=1M -Dplume.buffering=2";
-const std::string G1 = " -XX:+UseG1GC -XX:ParallelGCThreads=2 -XX:ConcGCThreads=1";
-const std::string G1_EXTRAS = R"( -XX:SoftMaxHeapSize=128m -XX:G1PeriodicGCInterval=10000
--XX:G1PeriodicGCSystemLoadThreshold=0)";
-const std::string RECLAIM = R"( -XX:MinHeapFreeRatio=10 -XX:MaxHeapFreeRatio=10
--XX:-ShrinkHeapInSteps)";
-const std::string PAUSE = " -XX:MaxGCPauseMillis=";
-const std::string DIAGNOSTICS = R"( --add-opens=java.desktop/sun.awt=ALL-UNNAMED
---add-opens=java.desktop/sun.awt.resources=ALL-UNNAMED
---add-opens=java.desktop/java.awt=ALL-UNNAMED --add-opens=java.desktop/sun.lwawt=ALL-UNNAMED
---add-opens=java.desktop/sun.lwawt.macosx=ALL-UNNAMED @vfprintf @exit @abort
--DKESTREL_VERSION=0.8.6886 -XX:+CrashOnOutOfMemoryError -XX:+HeapDumpOnOutOfMemoryError
--XX:HeapDumpPath=@LOGS/kestrel-oom-@PID.hprof -XX:ErrorFile=@LOGS/kestrel-error-@PID.log)";
-
 std::string replaced(std::string text, const std::string& what, const std::string& by) {
   for (std::size_t i = 0; (i = text.find(what, i)) != std::string::npos; i += by.size()) {
     text.replace(i, what.size(), by);
@@ -121,65 +95,79 @@ std::string replaced(std::string text, const std::string& what, const std::strin
   return text;
 }
 
-TEST(Launcher, GivesTheJvmItsOptions) {
+// The default options and what docs/options.md, which is held to the launcher here, notes of each.
+std::vector<std::pair<std::string, std::string>> documentedOptions() {
+  std::vector<std::pair<std::string, std::string>> rows;
+  std::istringstream lines(readFile(OPTIONS_DOCUMENT));
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("| `") || contains(line, "only with `NORVALED")) continue;
+    const std::size_t end = line.find('`', 3);
+    rows.emplace_back(line.substr(3, end - 3), line.substr(end));
+  }
+  return rows;
+}
+
+TEST(Launcher, GivesTheJvmItsDocumentedOptions) {
   const Bundle bundle;
   writeFile(bundle.lib / "app.jar", "");
-  const std::string dir = bundle.root, link = dir + "/link";
+  const std::string bin = bundle.bin, dir = bundle.root, link = dir + "/link";
   fs::create_directory_symlink(dir, link);
-  const std::string rest = RECLAIM + PAUSE + "100", base = COMPILER + PLUME;
-  const std::string serial = " -XX:+UseSerialGC" + rest;
-  const std::string parallel = " -XX:+UseParallelGC -XX:ParallelGCThreads=2" + rest;
-  const std::string g1 = base + G1 + G1_EXTRAS, all = g1 + rest, pause = g1 + RECLAIM + PAUSE;
   const std::string optimize = "KESTREL_AGGRESSIVE_OPTIMIZATIONS", gc = "KESTREL_GC_";
-  const std::string forceSerial = gc + "FORCE_SERIAL_GC=",
-                    forceParallel = gc + "FORCE_PARALLEL_GC=";
-  const std::string reclaim = gc + "AGGRESSIVE_RECLAIM=", maxPause = gc + "MAX_PAUSE_MILLIS=";
+  const std::string serial = gc + "FORCE_SERIAL_GC=", parallel = gc + "FORCE_PARALLEL_GC=";
+  const std::string reclaim = gc + "AGGRESSIVE_RECLAIM=", pause = gc + "MAX_PAUSE_MILLIS=";
+  const std::string useG1 = "-XX:+UseG1GC", useSerial = "-XX:+UseSerialGC", gone = "gone with `";
+  const std::string goal = "-XX:MaxGCPauseMillis=", temporary = "-Djava.io.tmpdir=";
   const struct {
     Strings environment;
-    std::string tuning;     // between the groups that are always the same
-    std::string temporary;  // the directory, if it is given
-  } rows[] = {{{optimize + "=0ff"}, PLUME + G1 + rest, ""},
-              {{optimize + "=false"}, all, ""},
-              {{optimize + "="}, all, ""},
-              {{forceSerial + "1", forceParallel + "1"}, base + serial, ""},
-              {{forceSerial + "true", forceParallel}, all, ""},
-              {{forceSerial, forceParallel + "10"}, base + parallel, ""},
-              {{forceSerial + "10", optimize + "=0"}, PLUME + serial, ""},
-              {{reclaim + "0abc"}, g1 + PAUSE + "100", ""},
-              {{reclaim + "no"}, all, ""},
-              {{reclaim}, all, ""},
-              {{maxPause + "250"}, pause + "250", ""},
-              {{maxPause}, pause, ""},
-              {{maxPause + "abc"}, pause + "abc", ""},
-              {{"TMPDIR=" + dir + "/"}, all, dir + "/"},
-              {{"TMPDIR=" + link}, all, link},
-              {{"TMPDIR=" + dir + "/missing"}, all, ""},
-              {{"TMPDIR=" + bundle.launcher.string()}, all, ""},
-              {{"TMPDIR="}, all, ""}};
-  for (const auto& row : rows) {
+    Strings gone;  // notes of the options that are not given
+    std::string option, instead;
+  } cases[] = {{{optimize + "=0ff"}, {gone + optimize}, "", ""},
+               {{optimize + "=false"}, {}, "", ""},
+               {{optimize + "="}, {}, "", ""},
+               {{serial + "1", parallel + "1"}, {"G1 only", gone + serial}, useG1, useSerial},
+               {{serial + "true", parallel}, {}, "", ""},
+               {{serial, parallel + "10"}, {"G1 only"}, useG1, "-XX:+UseParallelGC"},
+               {{serial + "10", optimize + "=0"},
+                {"G1 only", gone + serial, gone + optimize},
+                useG1,
+                useSerial},
+               {{reclaim + "0abc"}, {gone + reclaim}, "", ""},
+               {{reclaim + "no"}, {}, "", ""},
+               {{reclaim}, {}, "", ""},
+               {{pause + "250"}, {}, goal + "100", goal + "250"},
+               {{pause}, {}, goal + "100", goal},
+               {{pause + "abc"}, {}, goal + "100", goal + "abc"},
+               {{"TMPDIR=" + dir + "/"}, {}, temporary + "<TMPDIR>", temporary + dir + "/"},
+               {{"TMPDIR=" + link}, {}, temporary + "<TMPDIR>", temporary + link},
+               {{"TMPDIR=" + link + "/missing"}, {}, "", ""},
+               {{"TMPDIR=" + bundle.launcher.string()}, {}, "", ""},
+               {{"TMPDIR="}, {}, "", ""}};
+  for (const auto& row : cases) {
     Strings environment = {optimize};  // unset, whatever the tests run with
     environment.insert(environment.end(), row.environment.begin(), row.environment.end());
     SCOPED_TRACE(environment.back());
     const int pid = bundle.start({{}, environment});
     const Result result = bundle.finish(pid);
-    std::string options = USER_GROUPS + row.tuning + DIAGNOSTICS;
-    if (!row.temporary.empty()) options += " -Djava.io.tmpdir=@TMP";
-    options = replaced(options, "\n", " ");
-    std::string messages =
-        " run Program arguments:  \n resolveJNICreateFunction Loading JLI library from @BIN/../jre/"
-        "Contents/Home/lib/libjli.dylib\n startJVM Using class path:  @BIN/../lib/app.jar\n"
-        " startJVM JVM Args: " +
-        replaced(replaced(options, " @v", " v"), " ", "\n\t") +
-        "\n\t\n startJVM Starting JVM\n startJVM Java Virtual Machine is created!\n"
-        " operator() JVM calling main\n operator() JVM main ended\n"
-        " operator() JVM started successfully\n";
-    messages = replaced(replaced(messages, "\t@exit", "\texit"), "\t@abort", "\tabort");
-    for (std::string* text : {&options, &messages}) {
-      *text = replaced(replaced(*text, "@PID", std::to_string(pid)), "@TMP", row.temporary);
-      *text = replaced(replaced(*text, "@BIN", bundle.bin), "@LOGS", bundle.logs);
+    std::string options = "CreateJavaVM", logged;
+    for (auto [option, notes] : documentedOptions()) {
+      const auto isNoted = [&](const std::string& mark) { return contains(notes, mark); };
+      if (std::any_of(row.gone.begin(), row.gone.end(), isNoted)) continue;
+      if (option == row.option) option = row.instead;
+      option = replaced(replaced(option, "<install>", bin), "<logs>", bundle.logs);
+      option = replaced(replaced(option, "<size>", "384"), "<pid>", std::to_string(pid));
+      option = replaced(option, "<jars>", bin + "/../lib/app.jar");
+      if (contains(option, "<TMPDIR>")) continue;
+      options += (option.starts_with("-") ? " " : " @") + option;
+      logged += option + "\n\t";
     }
-    EXPECT_EQ(result.options, "CreateJavaVM" + options);
-    EXPECT_EQ(result.messages, messages);
+    EXPECT_EQ(result.options, options);
+    EXPECT_EQ(result.messages,
+              " run Program arguments:  \n resolveJNICreateFunction Loading JLI library from " +
+                  bin + "/../jre/Contents/Home/lib/libjli.dylib\n startJVM Using class path:  " +
+                  bin + "/../lib/app.jar\n startJVM JVM Args: \n\t" + logged +
+                  "\n startJVM Starting JVM\n startJVM Java Virtual Machine is created!\n"
+                  " operator() JVM calling main\n operator() JVM main ended\n"
+                  " operator() JVM started successfully\n");
   }
 }
 
