@@ -142,17 +142,18 @@ TEST(Launcher, GivesTheJvmItsDocumentedOptions) {
                {{"TMPDIR=" + link + "/missing"}, {}, "", ""},
                {{"TMPDIR=" + bundle.launcher.string()}, {}, "", ""},
                {{"TMPDIR="}, {}, "", ""}};
-  for (const auto& row : cases) {
+  for (const auto& test : cases) {
     Strings environment = {optimize};  // unset, whatever the tests run with
-    environment.insert(environment.end(), row.environment.begin(), row.environment.end());
+    environment.insert(environment.end(), test.environment.begin(), test.environment.end());
     SCOPED_TRACE(environment.back());
     const int pid = bundle.start({{}, environment});
     const Result result = bundle.finish(pid);
     std::string options = "CreateJavaVM", logged;
-    for (auto [option, notes] : documentedOptions()) {
-      const auto isNoted = [&](const std::string& mark) { return contains(notes, mark); };
-      if (std::any_of(row.gone.begin(), row.gone.end(), isNoted)) continue;
-      if (option == row.option) option = row.instead;
+    for (const auto& row : documentedOptions()) {
+      const auto isNoted = [&](const std::string& mark) { return contains(row.second, mark); };
+      std::string option = row.first;
+      if (std::any_of(test.gone.begin(), test.gone.end(), isNoted)) continue;
+      if (option == test.option) option = test.instead;
       option = replaced(replaced(option, "<install>", bin), "<logs>", bundle.logs);
       option = replaced(replaced(option, "<size>", "384"), "<pid>", std::to_string(pid));
       option = replaced(option, "<jars>", bin + "/../lib/app.jar");
