@@ -95,8 +95,8 @@ sed -n '/JVM Args:/,/^\t$/s/^\t\(..*\)/\1/p' "$work/logs/kestrel-native.log" |
   grep -vxE 'vfprintf|exit|abort' >"$work/options"
 mapfile -t options <"$work/options"
 package=()
-for option in "${options[@]}"; do
-  [[ $option == -Djava.class.path=* ]] || package+=(--java-options "$option")
+for option in "${options[@]}"; do # in quotes, since jpackage splits at blanks
+  [[ $option == -Djava.class.path=* ]] || package+=(--java-options "'$option'")
 done
 "$JAVA_HOME/bin/jpackage" --type app-image --dest "$work" --name packaged --input "$contents/lib" \
   --main-jar sample.jar --main-class "$entry" --runtime-image "$JAVA_HOME" "${package[@]}"
