@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -63,18 +64,12 @@ struct Result {
 
 // Leaves nothing in the environment that steers the launcher or a JVM, but for what `changes` say.
 inline void setEnvironment(const Strings& changes) {
-  Strings all = {"HOME",
-                 "TEST_TMPDIR",
-                 "TMPDIR",
-                 "JAVA_TOOL_OPTIONS",
-                 "JDK_JAVA_OPTIONS",
-                 "NORVALED_JVM_ARGS",
-                 "NORVALED_DEBUG_PORT",
-                 "KESTREL_GC_FORCE_SERIAL_GC",
-                 "KESTREL_GC_FORCE_PARALLEL_GC",
-                 "KESTREL_GC_AGGRESSIVE_RECLAIM",
-                 "KESTREL_GC_MAX_PAUSE_MILLIS",
-                 "KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE"};
+  std::istringstream names(
+      "HOME TEST_TMPDIR TMPDIR JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS NORVALED_JVM_ARGS "
+      "NORVALED_DEBUG_PORT KESTREL_GC_FORCE_SERIAL_GC KESTREL_GC_FORCE_PARALLEL_GC "
+      "KESTREL_GC_AGGRESSIVE_RECLAIM KESTREL_GC_MAX_PAUSE_MILLIS "
+      "KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE");
+  Strings all(std::istream_iterator<std::string>(names), {});
   all.insert(all.end(), changes.begin(), changes.end());
   for (const std::string& change : all) {
     const std::string name = change.substr(0, change.find('='));

@@ -1,13 +1,10 @@
-// A runtime library that writes down what it is given and answers as its script says:
+// A runtime library that notes what it is given and answers as its script says:
 //
 //   SCRIPTED_JVM_CALLS  the file for one line per call
-//   SCRIPTED_JVM        words NAME=ANSWER: a code for "create", "attach" and "status", which is
-//   what
-//                       the entry's call yields; "throws" or "missing" for what is looked up;
-//                       "throws" for "call", the entry's
-//   SCRIPTED_JVM_MAIN   a shell command that the entry's call runs before it prints a line through
-//                       the launcher's hook
-//   SCRIPTED_JVM_THEN   a second command, behind the line
+//   SCRIPTED_JVM        words NAME=ANSWER: codes for "create", "attach" and "status" (main's own),
+//                       "throws" or "missing" for what is looked up, "throws" for "call" (of main)
+//   SCRIPTED_JVM_MAIN   a shell command for main; behind it main prints through the hook
+//   SCRIPTED_JVM_THEN   a second command, behind that
 #include <jni.h>
 
 #include <cstdarg>
