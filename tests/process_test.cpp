@@ -38,7 +38,7 @@ TEST(Launcher, EndsAsTheJavaEntryDoes) {
     int status;
     std::string records;  // behind "JVM calling main"
     std::string calls;
-    std::string last = "";  // the one behind "JVM main ended"; a fatal one is added
+    std::string last{};  // the one behind "JVM main ended"; a fatal one is added
   } rows[] = {{"status=0", 0, "", asked, " operator() JVM started successfully\n"},
               {"status=1", 0, "", asked, " operator() JVM exit after startup is set, exiting\n"},
               {"status=-1", 255, "", asked},
