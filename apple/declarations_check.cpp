@@ -34,5 +34,6 @@ SAME(decltype(objc_lookUpClass), Class(const char*));
 SAME(NSUInteger, unsigned long);
 SAME(decltype(NSProcessInfo.processInfo), NSProcessInfo*);
 SAME(decltype(NSProcessInfo.processInfo.arguments), NSArray<NSString*>*);
+SAME(decltype(@"".length), unsigned long);
 SAME(decltype(@"".stringByDeletingLastPathComponent.fileSystemRepresentation), const char*);
 #endif

@@ -6,5 +6,7 @@
 // that the compiler retains and autoreleases on the way out.
 const char* getExecutableDir() {
   NSString* program = NSProcessInfo.processInfo.arguments[0];
-  return program.stringByDeletingLastPathComponent.fileSystemRepresentation;
+  NSString* directory = program.stringByDeletingLastPathComponent;
+  // A bare name has no directory, and Foundation raises when an empty string is to be represented.
+  return directory.length == 0 ? "" : directory.fileSystemRepresentation;
 }

@@ -12,8 +12,10 @@ __attribute__((objc_root_class))
 @end
 
 @interface NSString : NSObject
+@property(readonly) NSUInteger length;
 @property(readonly, copy) NSString* stringByDeletingLastPathComponent;
-// The characters live inside the string: without this attribute ARC would release it too early.
+// Raises an exception for an empty string. The characters live inside the string: without this
+// attribute ARC would release it too early.
 @property(readonly) const char* fileSystemRepresentation NS_RETURNS_INNER_POINTER;
 @end
 
