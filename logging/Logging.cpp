@@ -21,7 +21,8 @@ bool logsDirInitialized = false;
 bool isFileLoggingEnabled = false;
 bool isConsoleLoggingEnabled = false;
 
-// Records being emitted at this moment. The first word of the name is meant.
+// Records being emitted at this moment. Debugger scripts and those who read core files know the
+// counter by this name, its first word included.
 std::atomic<std::int32_t> massage_handler_logging{0};
 
 // The only level text there is, whatever the record's level.
@@ -34,10 +35,12 @@ constexpr char BANNER[] =
 std::string format_log_message(const std::string& message) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
+  tzset();  // localtime_r alone may stay with the zone of the first line; laptops travel
   localtime_r(&now, &local);
   char timeText[100];
   const std::size_t length = std::strftime(timeText, sizeof timeText, "%F %T", &local);
-  // Not milliseconds: the last three digits of the epoch second, on purpose.
+  // Not milliseconds: the last three digits of the epoch second, which those who read logs take to
+  // find the lines of one second.
   std::snprintf(timeText + length, sizeof timeText - length, ".%03d",
                 static_cast<std::int32_t>(now) % 1000);
 
@@ -51,7 +54,7 @@ bool write_message_to_file(const std::string& line) {
   // The stream's buffer holds the whole line, which thus goes out as one append: two processes that
   // share the log cannot tear each other's lines.
   const std::size_t size = line.size() + 1;
-  const auto buffer = std::make_unique_for_overwrite<char[]>(size);
+  const auto buffer = std::unique_ptr<char[]>(new char[size]);
   std::FILE* file = std::fopen(logFile, "a");
   if (file == nullptr) file = std::fopen(logFile, "w");
   if (file == nullptr) return false;
@@ -79,6 +82,8 @@ void logMessage(const std::string& message) {
   massage_handler_logging.fetch_sub(1);
 }
 
+// By the whole file type, unlike platform's isDirectory(): what only shares a directory's bit cannot
+// hold a log.
 bool isExistingDirectory(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
