@@ -14,7 +14,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   }
   jmethodID printStackTrace = env->GetMethodID(throwableClass, "printStackTrace", "()V");
   if (printStackTrace == nullptr) {
-    // The wording is meant.
+    // What is missing is a method; those who search logs rely on the wording.
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable#printStackTrace class";
     return true;
   }

@@ -18,7 +18,7 @@ class KestrelJVMApp {
   static int callMainMethod(JavaVM* vm, int argc, char** argv);
 
  private:
-  // Declared shape only: never read, never set.
+  // Both stay null: callMainMethod(), which is called once, keeps what it finds in locals.
   static JNIEnv* ourJniOnMainThread;
   static jclass ourKestrelClazz;
 };

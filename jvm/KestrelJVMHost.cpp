@@ -30,7 +30,8 @@ using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
 // The JVM's console output, which goes to the log alone. Returns the length of the whole text.
 int jvm_vprintf(FILE* /*stream*/, const char* format, va_list arguments) {
   char text[1024] = {};
-  const int length = vsnprintf(text, 1020, format, arguments);  // the margin is meant
+  // Four bytes are left zero, so that the text ends in the buffer whatever vsnprintf leaves behind.
+  const int length = vsnprintf(text, 1020, format, arguments);
   LOG_RECORD(INFO, "jvm_vprintf") << "JVM: " << text;
   return length;
 }
@@ -109,7 +110,7 @@ void leakOnPurpose([[maybe_unused]] const JVMOptions& options) {
 
 }  // namespace
 
-// By value is the interface.
+// The path is a copy, so that the JVM thread depends on no string of the main thread's.
 // cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
@@ -119,6 +120,10 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
     return nullptr;
   }
 
+  // The user's options first, then the class path, then our policy and diagnostics: where the JVM
+  // takes an option twice, the later one wins. Only the heap ceiling goes to the front, so that it
+  // yields to a user's. The list owns its strings, which the JVM copies while it is created; they
+  // are released behind a creation and leaked behind a failure.
   JVMOptions options;
   if (!addArgsFileOptions(options, argsFilePath)) return nullptr;
   addDebugPortOption(options);
@@ -139,7 +144,8 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   void* env = nullptr;  // not kept: the caller attaches again
   const jint code = createJavaVM(&vm, &env, &initArgs);
   if (code != JNI_OK) {
-    // The words and the line break at the end are meant; nothing exits here.
+    // It is the caller who exits, but those who search logs rely on the words, and on the empty
+    // line that the line break leaves.
     LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
     leakOnPurpose(options);
     return nullptr;

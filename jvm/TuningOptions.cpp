@@ -7,7 +7,7 @@
 //   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set    the pause goal, with every collector
 //
 // The first character alone decides, never a word: "false" leaves a switch on, "true" leaves it
-// off. That is meant.
+// off, as start scripts have come to rely on.
 #include "jvm/TuningOptions.h"
 
 #include <cstdlib>
@@ -55,14 +55,10 @@ constexpr OptionGroup RECLAIM = {
     "-XX:-ShrinkHeapInSteps",
 };
 
-bool isOnUnlessZero(const char* variable) {
+bool isOn(const char* variable, bool byDefault) {
   const char* value = std::getenv(variable);
-  return value == nullptr || value[0] != '0';
-}
-
-bool isOffUnlessOne(const char* variable) {
-  const char* value = std::getenv(variable);
-  return value != nullptr && value[0] == '1';
+  if (value == nullptr) return byDefault;
+  return byDefault ? value[0] != '0' : value[0] == '1';
 }
 
 void addGroup(JVMOptions& options, OptionGroup group) {
@@ -70,8 +66,8 @@ void addGroup(JVMOptions& options, OptionGroup group) {
 }
 
 void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
-  const bool forceSerial = isOffUnlessOne("KESTREL_GC_FORCE_SERIAL_GC");
-  const bool forceParallel = isOffUnlessOne("KESTREL_GC_FORCE_PARALLEL_GC");
+  const bool forceSerial = isOn("KESTREL_GC_FORCE_SERIAL_GC", false);
+  const bool forceParallel = isOn("KESTREL_GC_FORCE_PARALLEL_GC", false);
   if (forceSerial) {
     addGroup(options, SERIAL_GC);
   } else if (forceParallel) {
@@ -91,11 +87,11 @@ void addTuningOptions(JVMOptions& options, const std::string& stackSizeOption) {
   addOption(options, stackSizeOption);
   addGroup(options, BASE);
 
-  const bool aggressiveOptimizations = isOnUnlessZero("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+  const bool aggressiveOptimizations = isOn("KESTREL_AGGRESSIVE_OPTIMIZATIONS", true);
   if (aggressiveOptimizations) addGroup(options, COMPILER_AND_METADATA);
   addGroup(options, RENDERING);
   addCollector(options, aggressiveOptimizations);
-  if (isOnUnlessZero("KESTREL_GC_AGGRESSIVE_RECLAIM")) addGroup(options, RECLAIM);
+  if (isOn("KESTREL_GC_AGGRESSIVE_RECLAIM", true)) addGroup(options, RECLAIM);
 
   // Handed on as found: the JVM itself refuses what it cannot read.
   const char* maxPause = std::getenv("KESTREL_GC_MAX_PAUSE_MILLIS");

@@ -22,19 +22,14 @@
 extern "C" void* objc_autoreleasePoolPush(void);
 extern "C" void objc_autoreleasePoolPop(void* pool);
 
-namespace {
-
-Class lookUpApplicationClass() noexcept {
-  void* pool = objc_autoreleasePoolPush();
-  Class applicationClass = objc_lookUpClass("NSApplicationAWT");
-  objc_autoreleasePoolPop(pool);
-  return applicationClass;
-}
-
-}  // namespace
-
 // Set before main. Nil as long as the Java toolkit's library is not loaded; nothing here reads it.
-Class NSApplicationAWTClass = lookUpApplicationClass();
+Class NSApplicationAWTClass = nullptr;
+
+__attribute__((constructor)) static void lookUpApplicationClass() {
+  void* pool = objc_autoreleasePoolPush();
+  NSApplicationAWTClass = objc_lookUpClass("NSApplicationAWT");
+  objc_autoreleasePoolPop(pool);
+}
 
 extern "C" void timer_empty(CFRunLoopTimerRef /*timer*/, void* /*info*/) {}
 
@@ -68,16 +63,19 @@ static int run(int argc, char** argv) {
 
   std::atomic<std::int32_t> launchResult{NOT_STARTED};
   std::atomic<bool> exitAfterStartup{false};
-  // Set before the thread exists, so that this launcher never reaches its run loop; that is meant.
+  // Set whatever comes: the entry's call lasts as long as the application, and the process is to
+  // end with it rather than to go on in the run loop.
   exitAfterStartup = true;
 
   {
     std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
+      int result = NOT_STARTED;  // as long as the entry has given none
       JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
       if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
 
       LOG_RECORD(INFO, "operator()") << "JVM calling main";
-      const int result = KestrelJVMApp::callMainMethod(vm, argc, argv);
+      // cppcheck-suppress redundantInitialization
+      result = KestrelJVMApp::callMainMethod(vm, argc, argv);
       LOG_RECORD(INFO, "operator()") << "JVM main ended";
 
       if (result == 0) {

@@ -26,7 +26,7 @@ class DumpLoggerBuilder {
   ~DumpLoggerBuilder();
 
   // Each appends one blank, then the piece. Pieces with blanks of their own at an end thus show
-  // two in a row; that is meant.
+  // two in a row, which those who search logs rely on.
   DumpLoggerBuilder& operator<<(const char* text);
   DumpLoggerBuilder& operator<<(const std::string& text);
   DumpLoggerBuilder& operator<<(int value);
@@ -44,7 +44,8 @@ class DumpLoggerBuilder {
   (DumpLoggerBuilder(DumpLoggerBuilder::level) << (function)).nop()
 
 // Logs `message` at ERROR, then ends the process with exit(exitCode): exit handlers run. It may be
-// called from any thread. The third parameter has no effect, on purpose.
+// called from any thread. The third parameter, false where the log directory is no good, has no
+// effect: every end is the same, and callers still say which it is.
 [[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool);
 
 // Sets up the native log and appends the start banner. Called once, before any other thread

@@ -28,7 +28,7 @@ TEST(Fault, LogDirectoryGoneForAWhile) {
             " operator() JVM calling main\n" + ENDED);
 
   const Result removed = bundle.run(mainThatRuns("rm '" + bundle.log.string() + "'"));
-  EXPECT_TRUE(removed.log.starts_with("0.8.6886 "));  // it comes back, without its banner
+  EXPECT_TRUE(removed.log.starts_with(KESTREL_VERSION " "));  // it comes back, without its banner
   EXPECT_EQ(messagesOf("Logger initialized\n" + removed.log),
             " jvm_vprintf JVM:  between\n" + ENDED);
 }

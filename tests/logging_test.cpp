@@ -47,7 +47,7 @@ TEST_F(Log, LineIsExact) {
   LOG_RECORD(DEBUG, "f") << "two\nlines";
   clockShows = 1794811000;
   LOG_RECORD(INFO, "f");
-  const std::string id = "0.8.6886 " + std::to_string(getpid()) + " 2026-11-16 0";
+  const std::string id = KESTREL_VERSION " " + std::to_string(getpid()) + " 2026-11-16 0";
   const std::string tag = " INFO   ---- (native)                 ";
   const std::string lines = id + "6:23:45.225" + tag + "\n" + id + "6:23:45.225" + tag +
                             " f a  b  -5 0\n" + id + "6:36:39.999" + tag + " f two\nlines\n" + id +

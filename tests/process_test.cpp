@@ -157,6 +157,7 @@ TEST(Launcher, GivesTheJvmItsDocumentedOptions) {
       if (option == test.option) option = test.instead;
       option = replaced(replaced(option, "<install>", bin), "<logs>", bundle.logs);
       option = replaced(replaced(option, "<size>", "384"), "<pid>", std::to_string(pid));
+      option = replaced(option, "<version>", KESTREL_VERSION);
       option = replaced(option, "<jars>", bin + "/../lib/app.jar");
       if (contains(option, "<TMPDIR>")) continue;
       options += (option.starts_with("-") ? " " : " @") + option;

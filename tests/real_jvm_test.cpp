@@ -17,7 +17,7 @@ TEST_F(RealJvm, StartsWithDefaultOptions) {
   const Result result = run({{"hello", "two words", "größe"}, {"LC_ALL=C.UTF-8"}});
   EXPECT_TRUE(contains(result.output, "argument 0: " + launcher.string() + "\nargument 1: hello\n" +
                                           "argument 2: two words\nargument 3: größe\n"));
-  EXPECT_TRUE(contains(result.output, "\nKESTREL_VERSION=0.8.6886\n"));
+  EXPECT_TRUE(contains(result.output, "\nKESTREL_VERSION=" KESTREL_VERSION "\n"));
   EXPECT_TRUE(contains(result.output, "\nuser.dir=" + bin.string() + "\n"));
   EXPECT_TRUE(contains(result.messages, " startJVM Java Virtual Machine is created!\n"));
 }
