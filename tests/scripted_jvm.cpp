@@ -1,23 +1,26 @@
 // A runtime library that notes what it is given and answers as its script says:
 //
-//   SCRIPTED_JVM_CALLS  the file for one line per call
+//   SCRIPTED_JVM_CALLS  the file for one line per call and option
 //   SCRIPTED_JVM        words NAME=ANSWER: codes for "create", "attach" and "status" (main's own),
 //                       "throws" or "missing" for what is looked up, "throws" for "call" (of main)
-//   SCRIPTED_JVM_MAIN   a shell command for main; behind it main prints through the hook
-//   SCRIPTED_JVM_THEN   a second command, behind that
+//   SCRIPTED_JVM_MAIN   a shell command for main
 #include <jni.h>
+#include <unistd.h>
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+// Nowhere defined: only a loader that binds a function when it is called can load this library.
+extern "C" void scriptedJvmNeverCallsThis();
+
 namespace {
 
-int (*printHook)(FILE*, const char*, va_list) = nullptr;
-bool pending = false;
+// Any addresses do as references, and such that no code may look into.
+const auto REFERENCE = reinterpret_cast<jobject>(1);
+const auto EXCEPTION = reinterpret_cast<jthrowable>(2);
+jthrowable pending = nullptr;
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
@@ -32,36 +35,30 @@ std::string answer(const std::string& question) {
   return "";
 }
 
-int code(const char* question) { return std::atoi(answer(question).c_str()); }
-
-void note(const std::string& call) {
-  std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << call << "\n";
+int code(const char* question) {
+  return static_cast<int>(std::strtol(answer(question).c_str(), nullptr, 10));
 }
 
-// Any address does as a reference, and one that no code may look into.
+template <typename... Pieces>
+void note(const Pieces&... pieces) {
+  (std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << ... << pieces) << "\n";
+}
+
+const char* asExpected(bool holds) { return holds ? "" : " with something else"; }
+
 template <typename Reference>
-Reference found(const std::string& call, const std::string& name, const std::string& more = "") {
-  note(call + "(" + name + more + ")");
+Reference found(const char* call, const std::string& name, const char* more = "") {
+  note(call, "(", name, more, ")");
   const std::string script = answer(name.substr(name.rfind('/') + 1));
-  pending = pending || script == "throws";
-  return script.empty() ? reinterpret_cast<Reference>(1) : nullptr;
-}
-
-void print(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  printHook(stdout, format, arguments);
-  va_end(arguments);
+  if (script == "throws") pending = EXCEPTION;
+  return script.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
 }
 
 jint runMain(JNIEnv*, jclass, jmethodID, va_list) {
   note("CallStaticIntMethod");
-  if (!variable("SCRIPTED_JVM_MAIN").empty()) {
-    if (std::system(variable("SCRIPTED_JVM_MAIN").c_str()) != 0) return 99;
-    print("%s", "between");
-    if (std::system(variable("SCRIPTED_JVM_THEN").c_str()) != 0) return 99;
-  }
-  pending = answer("call") == "throws";
+  const std::string command = variable("SCRIPTED_JVM_MAIN");
+  if (!command.empty() && std::system(command.c_str()) != 0) scriptedJvmNeverCallsThis();
+  if (answer("call") == "throws") pending = EXCEPTION;
   return code("status");
 }
 
@@ -80,23 +77,17 @@ const JNINativeInterface_ environmentFunctions = [] {
   };
   f.NewStringUTF = [](JNIEnv*, const char* s) { return found<jstring>("NewStringUTF", "", s); };
   f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject) {
-    note("SetObjectArrayElement(" + std::to_string(index) + ")");
+    note("SetObjectArrayElement(", index, ")");
   };
   f.CallStaticIntMethodV = runMain;
-  f.ExceptionOccurred = [](JNIEnv*) {
-    note("ExceptionOccurred");
-    return pending ? reinterpret_cast<jthrowable>(2) : nullptr;
+  f.ExceptionOccurred = [](JNIEnv*) { return note("ExceptionOccurred"), pending; };
+  f.CallVoidMethodV = [](JNIEnv*, jobject object, jmethodID, va_list) {
+    note("CallVoidMethod", asExpected(object == EXCEPTION));
   };
-  f.CallVoidMethodV = [](JNIEnv*, jobject o, jmethodID, va_list) {
-    note(o == reinterpret_cast<jobject>(2) ? "CallVoidMethod" : "CallVoidMethod on a stranger");
+  f.DeleteLocalRef = [](JNIEnv*, jobject object) {
+    note("DeleteLocalRef", asExpected(object == REFERENCE));
   };
-  f.DeleteLocalRef = [](JNIEnv*, jobject o) {
-    note(o == reinterpret_cast<jobject>(1) ? "DeleteLocalRef" : "DeleteLocalRef of the exception");
-  };
-  f.ExceptionClear = [](JNIEnv*) {
-    note("ExceptionClear");
-    pending = false;
-  };
+  f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"), pending = nullptr; };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};
@@ -104,7 +95,7 @@ JNIEnv environment{&environmentFunctions};
 const JNIInvokeInterface_ machineFunctions = [] {
   JNIInvokeInterface_ f{};
   f.AttachCurrentThread = [](JavaVM*, void** env, void* arguments) {
-    note(arguments == nullptr ? "AttachCurrentThread" : "AttachCurrentThread with arguments");
+    note("AttachCurrentThread", asExpected(arguments == nullptr));
     *env = &environment;
     return code("attach");
   };
@@ -116,15 +107,14 @@ JavaVM machine{&machineFunctions};
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  std::string options;
+  const bool isLeader = getsid(0) == getpid();  // of a session of the launcher's own
+  note("CreateJavaVM", asExpected(isLeader && init->version == 0x000A0000 &&
+                                  init->ignoreUnrecognized == JNI_FALSE));
   for (int i = 0; i < init->nOptions; ++i) {
     const JavaVMOption& option = init->options[i];
     const std::string text = option.optionString != nullptr ? option.optionString : "(null)";
-    options += (option.extraInfo != nullptr ? " @" : " ") + text;
-    if (text == "vfprintf") printHook = reinterpret_cast<decltype(printHook)>(option.extraInfo);
+    note(option.extraInfo != nullptr ? "hook " : "option ", text);
   }
-  const bool isStrict = init->version == 0x000A0000 && init->ignoreUnrecognized == JNI_FALSE;
-  note((isStrict ? "CreateJavaVM" : "CreateJavaVM with other arguments") + options);
   *vm = &machine;
   return code("create");
 }
