@@ -3,6 +3,7 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <objc/runtime.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@ long pageSize = 0;
 bool isMemoryOut = false;
 int freed = 0;
 CFRunLoopTimerRef installed = nullptr;  // by the launcher
+const char* lookedUp = nullptr;         // before main
 std::vector<CFRunLoopRunResult> results;
 
 long fakeSysconf(int name) { return name == _SC_PAGESIZE ? pageSize : -1; }
@@ -64,9 +66,11 @@ extern "C" std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(null
 #undef free
 #define CFRunLoopTimerCreate(...) (installed = CFRunLoopTimerCreate(__VA_ARGS__))
 #define CFRunLoopRunInMode runInMode
+#define objc_lookUpClass(name) (lookedUp = (name), objc_lookUpClass(name))
 #define main launcherMain
 #include "launcher/KestrelApplication.cpp"
 #undef main
+#undef objc_lookUpClass
 #undef CFRunLoopRunInMode
 #undef CFRunLoopTimerCreate
 
@@ -257,6 +261,7 @@ TEST_F(Inside, RunAppEndsOnlyWhenTheLoopHasFinished) {
   EXPECT_EQ(results, (std::vector<CFRunLoopRunResult>{kCFRunLoopRunStopped, kCFRunLoopRunTimedOut,
                                                       kCFRunLoopRunFinished}));
   EXPECT_EQ(messages(), " runApp CoreFoundation event loop is finished\n");
+  EXPECT_STREQ(lookedUp, "NSApplicationAWT");
   installed = nullptr;  // for the leak checker
 }
 
