@@ -1,9 +1,11 @@
 package com.norvale.app.daemon.entry;
 
+import java.io.FileWriter;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.TreeSet;
+import java.util.concurrent.locks.LockSupport;
 
 /**
  * A small application for the launcher to start. It prints its command line and the properties that
@@ -15,6 +17,10 @@ import java.util.TreeSet;
  *   throw        main ends with an exception
  *   exhaust      fills the Java heap
  *   threads N    starts N threads at once and waits for them
+ *   leave        main returns while a thread runs and a shutdown hook is set
+ *   process      prints the first argument as the system has it
+ *   signal NAME  sets a shutdown hook and sends itself a signal
+ *   write FILE   writes an empty file
  *   anything     main yields 0
  * </pre>
  */
@@ -25,7 +31,7 @@ public final class NativeLauncher {
    * The launcher calls this void method for an int and takes what the last call in it returned. Only
    * a main that ends with a call of an int-returning method thus has a status to rely on.
    */
-  public static void main(String[] args) {
+  public static void main(String[] args) throws Exception {
     print(args);
     perform(args);
     statusOf(args);
@@ -35,12 +41,16 @@ public final class NativeLauncher {
     return command(args).equals("status") ? number(args) : 0;
   }
 
-  private static void perform(String[] args) {
+  private static void perform(String[] args) throws Exception {
     switch (command(args)) {
       case "exit" -> System.exit(number(args));
       case "throw" -> throw new IllegalStateException("the sample was asked to throw");
       case "exhaust" -> exhaustHeap();
       case "threads" -> startThreads(number(args));
+      case "leave" -> leave();
+      case "process" -> System.out.println(ProcessHandle.current().info().arguments().get()[1]);
+      case "signal" -> signalSelf(args[2]);
+      case "write" -> new FileWriter(args[2]).close();
       default -> {}
     }
   }
@@ -78,7 +88,27 @@ public final class NativeLauncher {
     }
   }
 
-  private static void startThreads(int count) {
+  private static void leave() {
+    setShutdownHook();
+    new Thread(() -> linger("a thread outlived main")).start();
+  }
+
+  private static void signalSelf(String name) throws Exception {
+    setShutdownHook();
+    new ProcessBuilder("kill", "-s", name, "" + ProcessHandle.current().pid()).start();
+    linger("the signal did not end it");
+  }
+
+  private static void setShutdownHook() {
+    Runtime.getRuntime().addShutdownHook(new Thread(() -> System.out.println("a hook ran")));
+  }
+
+  private static void linger(String text) {
+    LockSupport.parkNanos(1_000_000_000L);
+    System.out.println(text);
+  }
+
+  private static void startThreads(int count) throws InterruptedException {
     List<Thread> threads = new ArrayList<>();
     for (int i = 0; i < count; i++) {
       Thread thread = new Thread(() -> Thread.yield());
@@ -86,11 +116,7 @@ public final class NativeLauncher {
       thread.start();
     }
     for (Thread thread : threads) {
-      try {
-        thread.join();
-      } catch (InterruptedException e) {
-        throw new IllegalStateException(e);
-      }
+      thread.join();
     }
   }
 }
