@@ -221,8 +221,8 @@ TEST_F(Inside, ArgsFileIsReadByTheLine) {
   std::ofstream(file) << "-Xmx2g -x\n\n  -Da=1\r\n";
   setenv("NORVALED_DEBUG_PORT", "0", 1);
   EXPECT_NE(KestrelJVMHost::startJVM(file), nullptr);
-  EXPECT_THAT(messages(), HasSubstr("\noption -Xmx160m\noption -Xmx2g -x\noption \n"
-                                    "option   -Da=1\r\noption -agentlib:jdwp="));
+  EXPECT_THAT(messages(), HasSubstr("\n> option -Xmx160m\n> option -Xmx2g -x\n> option \n"
+                                    "> option   -Da=1\r\n> option -agentlib:jdwp="));
 }
 
 TEST_F(Inside, OptionsAreReleasedOnlyBehindACreation) {
@@ -239,7 +239,7 @@ TEST_F(Inside, OptionsAreReleasedOnlyBehindACreation) {
   EXPECT_EQ(KestrelJVMHost::startJVM(""), nullptr);
   EXPECT_EQ(freed, 0);
   EXPECT_THAT(messages(), HasSubstr("\n\t\n\t\n\t\n startJVM Starting JVM\n"));
-  EXPECT_THAT(messages(), HasSubstr("\noption (null)\noption (null)\n"));
+  EXPECT_THAT(messages(), HasSubstr("\n> option (null)\n> option (null)\n"));
 }
 
 TEST_F(Inside, RunAppEndsOnlyWhenTheLoopHasFinished) {
