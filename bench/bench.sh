@@ -3,6 +3,8 @@
 #
 #   bench.sh BUILD-FOLDER [ROUNDS]
 set -euo pipefail
+tools=$(cd "$(dirname "${BASH_SOURCE[0]}")/../tools" && pwd)
+source "$tools/layout.sh"
 build=$(cd "$1" && pwd)
 rounds=${2:-40}
 work=$build/bench/work
@@ -14,9 +16,8 @@ unset KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE NORVALED_DEBUG_PORT NORVALED_JVM_AR
 export KESTREL_NATIVE_LOG_DIR_OVERRIDE=$work/logs
 
 rm -rf "$work"
-mkdir -p "$contents/MacOS" "$contents/lib" "$runtime"
-cp "$build/kestrel" "$launcher"
-cp "$build/sample/sample.jar" "$contents/lib/"
+mkdir -p "$runtime"
+lay_out "$contents" "$build/kestrel" "$build/sample/sample.jar"
 
 load_library() { ln -sf "$1" "$runtime/libjli.dylib"; }
 
@@ -90,9 +91,7 @@ growth arguments 0 200 2000 20000
 load_library "$JAVA_HOME/lib/server/libjvm.so"
 rm -f "$work"/logs/*
 "$launcher" hello >/dev/null 2>&1
-# What the launcher gave the JVM, but for the hooks, which are functions.
-sed -n '/JVM Args:/,/^\t$/s/^\t\(..*\)/\1/p' "$work/logs/kestrel-native.log" |
-  grep -vxE 'vfprintf|exit|abort' >"$work/options"
+jvm_args "$work/logs/kestrel-native.log" >"$work/options"
 mapfile -t options <"$work/options"
 package=()
 for option in "${options[@]}"; do # in quotes, since jpackage splits at blanks
@@ -109,4 +108,35 @@ echo
   -- launcher "$launcher" hello \
   -- java "$JAVA_HOME/bin/java" "${options[@]}" "$entry" hello \
   -- jpackage "$work/packaged/bin/packaged" hello
+
+# The runtimes -------------------------------------------------------------------------------------
+
+# bundle_with NAME JLINK-OPTION...: a bundle with what jlink alone makes.
+bundle_with() {
+  local contents=$work/$1/Kestrel.app/Contents
+  lay_out "$contents" "$build/kestrel" "$build/sample/sample.jar"
+  mkdir "$contents/jre" "$contents/jre/Contents"
+  "$JAVA_HOME/bin/jlink" --add-modules java.base,java.desktop,jdk.jdwp.agent --strip-debug \
+    --no-header-files --no-man-pages --output "$contents/jre/Contents/Home" "${@:2}" >/dev/null
+  ln -s server/libjvm.so "$contents/jre/Contents/Home/lib/libjli.dylib"
+}
+
+bundle_with jlink
+bundle_with archive --generate-cds-archive
+"$tools/bundle" "$work/prepared/Kestrel.app" "$build/kestrel" "$build/sample/sample.jar" -- hello \
+  >"$work/bundled" 2>&1 || fail "$(cat "$work/bundled")"
+"$JAVA_HOME/bin/jpackage" --type app-image --dest "$work" --name image --input "$contents/lib" \
+  --main-jar sample.jar --main-class "$entry" "${package[@]}"
+
+echo
+echo "## A start with one runtime or another"
+echo
+start() { echo "$work/$1/Kestrel.app/Contents/MacOS/kestrel"; }
+"$build/bench/measure" "$rounds" 0 "plain jlink" "$(start jlink)" hello \
+  -- "jlink with its archive" "$(start archive)" hello \
+  -- "full JDK" "$launcher" hello \
+  -- "prepared" "$(start prepared)" hello \
+  -- "jpackage's image" "$work/image/bin/image" hello |
+  awk -F '|' 'NR == 1 { print $0 " exit ratio |" } NR == 2 { print $0 "---|" }
+    NR > 2 { if (!plain) plain = $4; printf "%s %.2f |\n", $0, $4 / plain }'
 rm -rf "$work"

@@ -35,9 +35,7 @@ std::string answer(const std::string& question) {
   return "";
 }
 
-int code(const char* question) {
-  return static_cast<int>(std::strtol(answer(question).c_str(), nullptr, 10));
-}
+int code(const char* question) { return std::atoi(answer(question).c_str()); }  // NOLINT
 
 template <typename... Pieces>
 void note(const Pieces&... pieces) {
