@@ -39,7 +39,7 @@ int code(const char* question) { return std::atoi(answer(question).c_str()); }  
 
 template <typename... Pieces>
 void note(const Pieces&... pieces) {
-  (std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << "> " << ... << pieces) << "\n";
+  ((std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << "> ") << ... << pieces) << "\n";
 }
 
 const char* asExpected(bool holds) { return holds ? "" : " with something else"; }
