@@ -13,10 +13,11 @@ find_jars() {
   local given jar twice entries=()
   jars=()
   for given; do
+    [[ -n $given ]] || fail "a jar's name is empty"
     [[ $given == /* ]] || given=$PWD/$given
     if [[ -d $given ]]; then
       for jar in "$given"/*.jar; do
-        [[ -e $jar ]] || fail "no jar in $given"
+        [[ -e $jar || -L $jar ]] || fail "no jar in $given"
         jars+=("$jar")
       done
     else
@@ -91,8 +92,7 @@ is_mac_library() {
   local bytes i count
   bytes=$(od -An -v -tx1 -N 168 "$1" 2>/dev/null | tr -d ' \n')
   case $bytes in
-    cffaedfe07000001????????0[12]000000*) return 1 ;; # an object file or an executable
-    cffaedfe07000001*) return 0 ;;
+    cffaedfe07000001????????06000000*) return 0 ;;
     cafebabe0000000[1-8]*) count=${bytes:15:1} ;;
     *) return 1 ;;
   esac
