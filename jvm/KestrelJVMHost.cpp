@@ -123,7 +123,7 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   // The user's options first, then the class path, then our policy and diagnostics: where the JVM
   // takes an option twice, the later one wins. Only the heap ceiling goes to the front, so that it
   // yields to a user's. The list owns its strings, which the JVM copies while it is created; they
-  // are released behind a creation and leaked behind a failure.
+  // are released after a creation and leaked after a failure.
   JVMOptions options;
   if (!addArgsFileOptions(options, argsFilePath)) return nullptr;
   addDebugPortOption(options);
