@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -27,6 +26,11 @@ inline std::string replaced(std::string text, const std::string& from, const std
   return text;
 }
 
+// Up to the end of the first `words`.
+inline std::string upTo(const std::string& text, const std::string& words) {
+  return text.substr(0, text.find(words) + words.size());
+}
+
 struct Start {
   int status;          // as a shell tells it
   std::string pid;     // the launcher's, if the line ends with `exec $K`
@@ -37,7 +41,11 @@ struct Start {
 class BundleFixture : public testing::Test {
  protected:
   BundleFixture() {
-    clearEnvironment();
+    const char* path = std::getenv("PATH");
+    const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+    environ[0] = nullptr;
+    setenv("PATH", path, 1);
+    if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
     }
@@ -92,17 +100,6 @@ class BundleFixture : public testing::Test {
   const std::string runtime = contents + "/jre/Contents/Home/lib";
   const std::string logs = root + "/logs";
   const std::string log = logs + "/kestrel-native.log";
-
- private:
-  // Leaves what finds commands, and what a caller has to set for his machine.
-  static void clearEnvironment() {
-    std::map<std::string, std::string> kept;
-    for (const char* name : {"PATH", "KESTREL_AGGRESSIVE_OPTIMIZATIONS"}) {
-      if (const char* value = std::getenv(name)) kept[name] = value;
-    }
-    environ[0] = nullptr;
-    for (const auto& [name, value] : kept) setenv(name.c_str(), value.c_str(), 1);
-  }
 };
 
 #endif  // KESTREL_TESTS_BUNDLE_FIXTURE_H_

@@ -1,6 +1,6 @@
 // A runtime library that notes what it is given and answers as its script says:
 //
-//   SCRIPTED_JVM_CALLS  the file for one line per call and option
+//   SCRIPTED_JVM_CALLS  the file for a line per call, with the options as the launcher lists them
 //   SCRIPTED_JVM        words NAME=ANSWER: codes for "create", "attach" and "status" (main's own),
 //                       "throws" or "missing" for what is looked up, "throws" for "call" (of main)
 //   SCRIPTED_JVM_MAIN   a shell command for main
@@ -17,7 +17,7 @@ extern "C" void scriptedJvmNeverCallsThis();
 
 namespace {
 
-// Any addresses do as references, and such that no code may look into.
+// References that no code may look into.
 const auto REFERENCE = reinterpret_cast<jobject>(1);
 const auto EXCEPTION = reinterpret_cast<jthrowable>(2);
 jthrowable pending = nullptr;
@@ -35,18 +35,20 @@ std::string answer(const std::string& question) {
   return "";
 }
 
-int code(const char* question) { return std::atoi(answer(question).c_str()); }  // NOLINT
-
-template <typename... Pieces>
-void note(const Pieces&... pieces) {
-  ((std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << "> ") << ... << pieces) << "\n";
+int code(const std::string& question) {
+  const std::string digits = answer(question);
+  return digits.empty() ? 0 : std::stoi(digits);
 }
 
-const char* asExpected(bool holds) { return holds ? "" : " with something else"; }
+void note(const std::string& call, bool isAsExpected = true) {
+  std::ofstream calls(variable("SCRIPTED_JVM_CALLS"), std::ios::app);
+  calls << "> " << call << (isAsExpected ? "" : " with something else") << "\n";
+}
 
+// Notes a look-up. Null where the script says so, else the reference.
 template <typename Reference>
-Reference found(const char* call, const std::string& name, const char* more = "") {
-  note(call, "(", name, more, ")");
+Reference lookUp(const std::string& call, const std::string& name, const std::string& type = "") {
+  note(call + "(" + name + type + ")");
   const std::string script = answer(name.substr(name.rfind('/') + 1));
   if (script == "throws") pending = EXCEPTION;
   return script.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
@@ -63,29 +65,33 @@ jint runMain(JNIEnv*, jclass, jmethodID, va_list) {
 // A call of a function that is not filled in crashes, as it should.
 const JNINativeInterface_ environmentFunctions = [] {
   JNINativeInterface_ f{};
-  f.FindClass = [](JNIEnv*, const char* name) { return found<jclass>("FindClass", name); };
+  f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>("FindClass", name); };
   f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return found<jmethodID>("GetStaticMethodID", name, type);
+    return lookUp<jmethodID>("GetStaticMethodID", name, type);
   };
   f.GetMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return found<jmethodID>("GetMethodID", name, type);
+    return lookUp<jmethodID>("GetMethodID", name, type);
   };
   f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
-    return found<jobjectArray>("NewObjectArray", std::to_string(length));
+    return lookUp<jobjectArray>("NewObjectArray", std::to_string(length));
   };
-  f.NewStringUTF = [](JNIEnv*, const char* s) { return found<jstring>("NewStringUTF", "", s); };
+  f.NewStringUTF = [](JNIEnv*, const char* s) { return lookUp<jstring>("NewStringUTF", "", s); };
   f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject) {
-    note("SetObjectArrayElement(", index, ")");
+    note("SetObjectArrayElement(" + std::to_string(index) + ")");
   };
   f.CallStaticIntMethodV = runMain;
-  f.ExceptionOccurred = [](JNIEnv*) { return note("ExceptionOccurred"), pending; };
+  f.ExceptionOccurred = [](JNIEnv*) {
+    note("ExceptionOccurred");
+    return pending;
+  };
   f.CallVoidMethodV = [](JNIEnv*, jobject object, jmethodID, va_list) {
-    note("CallVoidMethod", asExpected(object == EXCEPTION));
+    note("CallVoidMethod", object == EXCEPTION);
   };
-  f.DeleteLocalRef = [](JNIEnv*, jobject object) {
-    note("DeleteLocalRef", asExpected(object == REFERENCE));
+  f.DeleteLocalRef = [](JNIEnv*, jobject object) { note("DeleteLocalRef", object == REFERENCE); };
+  f.ExceptionClear = [](JNIEnv*) {
+    note("ExceptionClear");
+    pending = nullptr;
   };
-  f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"), pending = nullptr; };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};
@@ -93,7 +99,7 @@ JNIEnv environment{&environmentFunctions};
 const JNIInvokeInterface_ machineFunctions = [] {
   JNIInvokeInterface_ f{};
   f.AttachCurrentThread = [](JavaVM*, void** env, void* arguments) {
-    note("AttachCurrentThread", asExpected(arguments == nullptr));
+    note("AttachCurrentThread", arguments == nullptr);
     *env = &environment;
     return code("attach");
   };
@@ -105,14 +111,17 @@ JavaVM machine{&machineFunctions};
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  const bool isLeader = getsid(0) == getpid();  // of a session of the launcher's own
-  note("CreateJavaVM", asExpected(isLeader && init->version == 0x000A0000 &&
-                                  init->ignoreUnrecognized == JNI_FALSE));
+  bool isAsExpected = init->version == 0x000A0000 && init->ignoreUnrecognized == JNI_FALSE;
+  if (getsid(0) != getpid()) isAsExpected = false;  // the launcher leads a session of its own
+  std::string options = "\n\t";
   for (int i = 0; i < init->nOptions; ++i) {
     const JavaVMOption& option = init->options[i];
     const std::string text = option.optionString != nullptr ? option.optionString : "(null)";
-    note(option.extraInfo != nullptr ? "hook " : "option ", text);
+    const bool isHook = text == "vfprintf" || text == "exit" || text == "abort";
+    if (isHook != (option.extraInfo != nullptr)) isAsExpected = false;
+    options += text + "\n\t";
   }
+  note("CreateJavaVM" + options, isAsExpected);
   *vm = &machine;
   return code("create");
 }
