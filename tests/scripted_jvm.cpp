@@ -1,16 +1,17 @@
 // A runtime library that notes what it is given and answers as its script says:
 //
 //   SCRIPTED_JVM_CALLS  the file for a line per call, with the options as the launcher lists them
-//   SCRIPTED_JVM        words NAME=ANSWER: codes for "create", "attach" and "status" (main's own),
-//                       "throws" or "missing" for what is looked up, "throws" for "call" (of main)
-//   SCRIPTED_JVM_MAIN   a shell command for main
+//   SCRIPT_create, _attach, _status  codes; the last is main's
+//   SCRIPT_NAME         "throws" or "missing" for a class or method that is looked up
+//   SCRIPT_call         "throws" for main, which prints NORVALED_DEBUG_PORT as it then is
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iostream>
 #include <string>
+#include <vector>
 
 // Nowhere defined: only a loader that binds a function when it is called can load this library.
 extern "C" void scriptedJvmNeverCallsThis();
@@ -20,61 +21,65 @@ namespace {
 // References that no code may look into.
 const auto REFERENCE = reinterpret_cast<jobject>(1);
 const auto EXCEPTION = reinterpret_cast<jthrowable>(2);
+const auto ARRAY = reinterpret_cast<jobjectArray>(3);
 jthrowable pending = nullptr;
+std::vector<const char*> mainArguments;
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
 }
 
-std::string answer(const std::string& question, const std::string& byDefault = "") {
-  std::istringstream words(variable("SCRIPTED_JVM"));
-  for (std::string word; words >> word;) {
-    if (word.starts_with(question + "=")) return word.substr(question.size() + 1);
-  }
-  return byDefault;
-}
+std::string script(const std::string& name) { return variable(("SCRIPT_" + name).c_str()); }
 
-int code(const std::string& question) { return std::stoi(answer(question, "0")); }
+int scriptedCode(const std::string& name) {
+  const std::string digits = script(name);
+  return digits.empty() ? 0 : std::stoi(digits);
+}
 
 void note(const std::string& call, bool isAsExpected = true) {
   std::ofstream calls(variable("SCRIPTED_JVM_CALLS"), std::ios::app);
   calls << "> " << call << (isAsExpected ? "" : " with something else") << "\n";
 }
 
-// Notes a look-up. Null where the script says so, else the reference.
+// Null where the script says so, else the reference.
 template <typename Reference>
 Reference lookUp(const std::string& call, const std::string& name, const std::string& type = "") {
   note(call + "(" + name + type + ")");
-  const std::string script = answer(name.substr(name.rfind('/') + 1));
-  if (script == "throws") pending = EXCEPTION;
-  return script.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
+  const std::string end = script(name.substr(name.rfind('/') + 1));
+  if (end == "throws") pending = EXCEPTION;
+  return end.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
 }
 
-jint runMain(JNIEnv*, jclass, jmethodID, va_list) {
-  note("CallStaticIntMethod");
-  const std::string command = variable("SCRIPTED_JVM_MAIN");
-  if (!command.empty() && std::system(command.c_str()) != 0) scriptedJvmNeverCallsThis();
-  if (answer("call") == "throws") pending = EXCEPTION;
-  return code("status");
+jint runMain(JNIEnv*, jclass, jmethodID, va_list list) {
+  std::string call = "CallStaticIntMethod";
+  for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
+  note(call, va_arg(list, jobject) == ARRAY);
+  std::cout << variable("NORVALED_DEBUG_PORT") << std::flush;
+  if (script("call") == "throws") pending = EXCEPTION;
+  if (script("call") == "crashes") scriptedJvmNeverCallsThis();
+  return scriptedCode("status");
 }
 
 // A call of a function that is not filled in crashes, as it should.
 const JNINativeInterface_ environmentFunctions = [] {
   JNINativeInterface_ f{};
   f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>("FindClass", name); };
-  f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return lookUp<jmethodID>("GetStaticMethodID", name, type);
-  };
   f.GetMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
     return lookUp<jmethodID>("GetMethodID", name, type);
   };
-  f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
-    return lookUp<jobjectArray>("NewObjectArray", std::to_string(length));
+  f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
+    return lookUp<jmethodID>("GetStaticMethodID", name, type);
   };
-  f.NewStringUTF = [](JNIEnv*, const char* s) { return lookUp<jstring>("NewStringUTF", "", s); };
-  f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject) {
-    note("SetObjectArrayElement(" + std::to_string(index) + ")");
+  f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
+    mainArguments.assign(length, "");
+    return ARRAY;
+  };
+  f.NewStringUTF = [](JNIEnv*, const char* text) {
+    return reinterpret_cast<jstring>(const_cast<char*>(text));
+  };
+  f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject text) {
+    mainArguments.at(index) = reinterpret_cast<const char*>(text);
   };
   f.CallStaticIntMethodV = runMain;
   f.ExceptionOccurred = [](JNIEnv*) {
@@ -98,7 +103,7 @@ const JNIInvokeInterface_ machineFunctions = [] {
   f.AttachCurrentThread = [](JavaVM*, void** env, void* arguments) {
     note("AttachCurrentThread", arguments == nullptr);
     *env = &environment;
-    return code("attach");
+    return scriptedCode("attach");
   };
   return f;
 }();
@@ -119,5 +124,5 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, 
   }
   note("CreateJavaVM" + options, isAsExpected);
   *vm = &machine;
-  return code("create");
+  return scriptedCode("create");
 }
