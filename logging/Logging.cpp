@@ -85,7 +85,7 @@ void logMessage(const std::string& message) {
 // By the whole file type, unlike platform's isDirectory(): what only shares a directory's bit
 // cannot hold a log.
 bool isExistingDirectory(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
