@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# bench.sh BUILD-FOLDER [ROUNDS]: measures the launcher against less and more; for ./dev bench, which
-# has set JAVA_HOME and built all.
+# bench.sh BUILD-FOLDER [ROUNDS]: measures the launcher against less and more, with JAVA_HOME set.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$(cd "$1" && pwd)

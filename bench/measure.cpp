@@ -75,7 +75,8 @@ double median(std::vector<double> values) {
 }
 
 void printRow(const Program& program, const Program& first) {
-  std::array<std::vector<double>, figures> values, ratios;
+  std::array<std::vector<double>, figures> values;
+  std::array<std::vector<double>, figures> ratios;
   for (std::size_t round = 0; round < program.rounds.size(); ++round) {
     for (std::size_t figure = 0; figure < figures; ++figure) {
       const double value = program.rounds[round][figure];

@@ -2,5 +2,6 @@
 #include <jni.h>
 
 JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void* args) {
-  return vm && env && args ? JNI_ERR : JNI_EINVAL;
+  (void)vm, (void)env, (void)args;
+  return JNI_ERR;
 }
