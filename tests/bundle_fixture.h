@@ -38,7 +38,7 @@ class BundleFixture : public testing::Test {
     const char* path = std::getenv("PATH");
     const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
     environ[0] = nullptr;
-    setenv("PATH", path, 1);
+    if (path != nullptr) setenv("PATH", path, 1);
     if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
@@ -60,9 +60,8 @@ class BundleFixture : public testing::Test {
     const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
     const std::string output = contentOf(root + "/output");
     const std::string pid = output.substr(0, output.find('\n'));
-    const Start start = {WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended),
-                         readable(output.substr(pid.size() + 1), pid),
-                         readable(contentOf(log), pid)};
+    Start start = {WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended),
+                   readable(output.substr(pid.size() + 1), pid), readable(contentOf(log), pid)};
     EXPECT_EQ(start.status, status) << line << "\n" << start.output << start.log;
     return start;
   }

@@ -41,20 +41,6 @@ CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean
 
 }  // namespace
 
-// These stand before the libraries' own in this program.
-extern "C" {
-std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) { return clockShows; }
-long sysconf(int name) noexcept(noexcept(sysconf(0))) {
-  return name == _SC_PAGESIZE ? pageSize : -1;
-}
-Class objc_lookUpClass(const char* name) {
-  lookedUp = name;
-  return nullptr;
-}
-void* objc_autoreleasePoolPush() { return nullptr; }
-void objc_autoreleasePoolPop(void* /*pool*/) {}
-}
-
 #include "logging/Logging.cpp"
 // What cannot stand before the library's own: sanitizers bring malloc and free, and the run loop's
 // other functions are to stay what they are.
@@ -69,6 +55,20 @@ void objc_autoreleasePoolPop(void* /*pool*/) {}
 #undef CFRunLoopRunInMode
 #undef free
 #undef malloc
+
+// These stand before the libraries' own in this program.
+extern "C" {
+std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) { return clockShows; }
+long sysconf(int name) noexcept(noexcept(sysconf(0))) {
+  return name == _SC_PAGESIZE ? pageSize : -1;
+}
+Class objc_lookUpClass(const char* name) {
+  lookedUp = name;
+  return nullptr;
+}
+void* objc_autoreleasePoolPush() { return nullptr; }
+void objc_autoreleasePoolPop(void* /*pool*/) {}
+}
 
 namespace {
 
