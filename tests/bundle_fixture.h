@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <stdexcept>
 #include <string>
 
@@ -73,8 +72,11 @@ class BundleFixture : public testing::Test {
     const std::string banner = "Logger initialized\n";
     const std::size_t begin = text.rfind(banner);
     if (begin != std::string::npos) text.erase(0, begin + banner.size());
-    const std::regex head(VERSION " " + pid + R"( [-\d]+ [:.\d]+ INFO   ---- \(native\) {17})");
-    text = std::regex_replace(text, head, "");
+    const std::string head = VERSION " " + pid + " ";
+    const std::string rest = "2026-11-23 03:00:00.400 INFO   ---- (native)                 ";
+    for (std::size_t i; (i = text.find(head)) != std::string::npos;) {
+      text.erase(i, head.size() + rest.size());
+    }
     text = replaced(replaced(text, bin, "<install>"), logs, "<logs>");
     return replaced(replaced(text, "-" + pid + ".", "-<pid>."), VERSION, "<version>");
   }
