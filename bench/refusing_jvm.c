@@ -2,8 +2,6 @@
 #include <jni.h>
 
 JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void* args) {
-  (void)vm;
-  (void)env;
-  (void)args;
+  (void)vm, (void)env, (void)args;
   return JNI_ERR;
 }
