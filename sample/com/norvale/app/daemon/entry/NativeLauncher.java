@@ -104,7 +104,7 @@ public final class NativeLauncher {
   }
 
   private static void linger(String text) {
-    LockSupport.parkNanos(2_000_000_000L);
+    LockSupport.parkNanos(60_000_000_000L);
     System.out.println(text);
   }
 }
