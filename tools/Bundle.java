@@ -344,7 +344,7 @@ public final class Bundle implements Closeable {
         .redirectOutput(Redirect.appendTo(file("output").toFile())).redirectErrorStream(true);
     builder.command().addAll(words);
     builder.environment().keySet().removeAll(List.of("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE",
-        "CLASSPATH", "NORVALED_DEBUG_PORT", "JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"));
+        "CLASSPATH", "NORVALED_DEBUG_PORT", "JDK_JAVA_OPTIONS", "JAVA_TOOL_OPTIONS", "_JAVA_OPTIONS"));
     builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
     builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
     Process process = builder.start();
