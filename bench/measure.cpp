@@ -127,12 +127,12 @@ int main(int argc, char** argv) {
   for (const Program& program : programs) {
     const auto of = [&](auto value) { return medianOf(program, programs[0], value); };
     std::printf("| %s | %.2f | %.2f | %.2f | %.2f | %.3f | %.3f |\n", program.name.c_str(),
-                of([](Sample s, Sample) { return s.toMainMs; }),
-                of([](Sample s, Sample) { return s.toExitMs; }),
-                of([](Sample s, Sample) { return s.cpuMs; }),
-                of([](Sample s, Sample) { return s.peakKiB / 1024; }),
-                of([](Sample s, Sample first) { return s.cpuMs / first.cpuMs; }),
-                of([](Sample s, Sample first) { return s.peakKiB / first.peakKiB; }));
+                of([](const Sample& s, const Sample&) { return s.toMainMs; }),
+                of([](const Sample& s, const Sample&) { return s.toExitMs; }),
+                of([](const Sample& s, const Sample&) { return s.cpuMs; }),
+                of([](const Sample& s, const Sample&) { return s.peakKiB / 1024; }),
+                of([](const Sample& s, const Sample& first) { return s.cpuMs / first.cpuMs; }),
+                of([](const Sample& s, const Sample& first) { return s.peakKiB / first.peakKiB; }));
   }
   return 0;
 }
