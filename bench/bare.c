@@ -1,6 +1,4 @@
-// The least a launcher can do: load the runtime library and call its one function.
-//
-//   bare LIBRARY
+// bare LIBRARY: the least a launcher can do, load the runtime library and call its one function.
 #include <dlfcn.h>
 #include <jni.h>
 

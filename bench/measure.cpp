@@ -3,10 +3,8 @@
 //
 //   measure ROUNDS STATUS NAME PROGRAM [ARG...] [-- NAME PROGRAM [ARG...]]...
 //
-// Each must end with the exit status STATUS.
-//
-// "to main" is the time from exec to the first byte on standard output, 0 where none comes. Ratios
-// are those of the CPU time and peak memory to the first program's, taken round by round.
+// Each must end with the exit status STATUS. "To main" is the time from exec to the first byte on
+// standard output, 0 where none comes. Ratios are to the first program's figures of the same round.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -14,10 +12,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,14 +23,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Sample {
-  double toMainMs, toExitMs, cpuMs, peakKiB;
-};
+enum { toMainMs, toExitMs, cpuMs, peakMiB, figures };
 
 struct Program {
-  std::string name;
+  char* name;
   std::vector<char*> command;
-  std::vector<Sample> samples;
+  std::vector<std::array<double, figures>> rounds;
 };
 
 double msSince(Clock::time_point start) {
@@ -43,71 +39,56 @@ double milliseconds(const timeval& time) {
   return 1e3 * static_cast<double>(time.tv_sec) + 1e-3 * static_cast<double>(time.tv_usec);
 }
 
-Sample runOnce(const Program& program, int expectedStatus) {
+std::array<double, figures> runOnce(const Program& program, int expectedStatus) {
+  std::array<double, figures> result{};
   int ends[2];
-  if (pipe(ends) != 0) std::exit(1);
+  int status = pipe2(ends, O_CLOEXEC);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addclose(&actions, ends[0]);
-  posix_spawn_file_actions_addclose(&actions, ends[1]);
-
-  Sample sample{};
   const Clock::time_point start = Clock::now();
   pid_t pid = 0;
-  if (posix_spawn(&pid, program.command[0], &actions, nullptr, program.command.data(), environ)) {
-    std::fprintf(stderr, "measure: cannot start %s\n", program.command[0]);
-    std::exit(1);
-  }
+  posix_spawn(&pid, program.command[0], &actions, nullptr, program.command.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
   char buffer[4096];
   while (read(ends[0], buffer, sizeof buffer) > 0) {
-    if (sample.toMainMs == 0) sample.toMainMs = msSince(start);
+    if (result[toMainMs] == 0) result[toMainMs] = msSince(start);
   }
   rusage usage{};
-  int status = 0;
   wait4(pid, &status, 0, &usage);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != expectedStatus) {
+  result[toExitMs] = msSince(start);
+  close(ends[0]);
+  if (pid == 0 || !WIFEXITED(status) || WEXITSTATUS(status) != expectedStatus) {
     std::fprintf(stderr, "measure: %s did not end as it should\n", program.command[0]);
     std::exit(1);
   }
-  sample.toExitMs = msSince(start);
-  sample.cpuMs = milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
-  sample.peakKiB = static_cast<double>(usage.ru_maxrss);
-  close(ends[0]);
-  posix_spawn_file_actions_destroy(&actions);
-  return sample;
+  result[cpuMs] = milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
+  result[peakMiB] = static_cast<double>(usage.ru_maxrss) / 1024;
+  return result;
 }
 
 double median(std::vector<double> values) {
-  const auto middle = values.begin() + std::ssize(values) / 2;
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
 }
 
-// The median over all rounds of what `value` makes of a sample and the first program's in that
-// round.
-template <typename Value>
-double medianOf(const Program& program, const Program& first, Value value) {
-  std::vector<double> values;
-  for (std::size_t i = 0; i < program.samples.size(); ++i) {
-    values.push_back(value(program.samples[i], first.samples[i]));
+void printRow(const Program& program, const Program& first) {
+  std::array<std::vector<double>, figures> values;
+  std::array<std::vector<double>, figures> ratios;
+  for (std::size_t round = 0; round < program.rounds.size(); ++round) {
+    for (std::size_t figure = 0; figure < figures; ++figure) {
+      const double value = program.rounds[round][figure];
+      values[figure].push_back(value);
+      ratios[figure].push_back(value / first.rounds[round][figure]);
+    }
   }
-  return median(values);
-}
-
-std::vector<Program> parse(char** words) {
-  std::vector<Program> programs;
-  while (*words != nullptr) {
-    Program program{*words, {}, {}};
-    ++words;
-    while (*words != nullptr && std::string(*words) != "--") program.command.push_back(*words++);
-    if (*words != nullptr) ++words;
-    program.command.push_back(nullptr);
-    programs.push_back(program);
-  }
-  return programs;
+  std::printf("| %s |", program.name);
+  for (const auto& column : values) std::printf(" %.2f |", median(column));
+  for (const auto figure : {toExitMs, cpuMs, peakMiB})
+    std::printf(" %.3f |", median(ratios[figure]));
+  std::puts("");
 }
 
 }  // namespace
@@ -116,23 +97,19 @@ int main(int argc, char** argv) {
   if (argc < 5) return 2;
   const int rounds = std::stoi(argv[1]);
   const int status = std::stoi(argv[2]);
-  std::vector<Program> programs = parse(argv + 3);
+  std::vector<Program> programs;
+  for (char** word = argv + 3; word < argv + argc; ++word) {
+    Program& program = programs.emplace_back(Program{*word, {}, {}});
+    while (*++word != nullptr && std::string(*word) != "--") program.command.push_back(*word);
+    program.command.push_back(nullptr);
+  }
   for (const Program& program : programs) runOnce(program, status);  // warms the caches
   for (int round = 0; round < rounds; ++round) {
-    for (Program& program : programs) program.samples.push_back(runOnce(program, status));
+    for (Program& program : programs) program.rounds.push_back(runOnce(program, status));
   }
   std::puts(
-      "| program | to main, ms | to exit, ms | CPU, ms | peak, MiB | CPU ratio | peak ratio |");
-  std::puts("|---|---|---|---|---|---|---|");
-  for (const Program& program : programs) {
-    const auto of = [&](auto value) { return medianOf(program, programs[0], value); };
-    std::printf("| %s | %.2f | %.2f | %.2f | %.2f | %.3f | %.3f |\n", program.name.c_str(),
-                of([](const Sample& s, const Sample&) { return s.toMainMs; }),
-                of([](const Sample& s, const Sample&) { return s.toExitMs; }),
-                of([](const Sample& s, const Sample&) { return s.cpuMs; }),
-                of([](const Sample& s, const Sample&) { return s.peakKiB / 1024; }),
-                of([](const Sample& s, const Sample& first) { return s.cpuMs / first.cpuMs; }),
-                of([](const Sample& s, const Sample& first) { return s.peakKiB / first.peakKiB; }));
-  }
+      "| program | to main, ms | to exit, ms | CPU, ms | peak, MiB "
+      "| exit ratio | CPU ratio | peak ratio |\n|---|---|---|---|---|---|---|---|");
+  for (const Program& program : programs) printRow(program, programs[0]);
   return 0;
 }

@@ -1,0 +1,96 @@
+// A throw-away bundle with the scripted JVM as its Java runtime, and starts of the launcher in it.
+#ifndef KESTREL_TESTS_BUNDLE_FIXTURE_H_
+#define KESTREL_TESTS_BUNDLE_FIXTURE_H_
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
+#include <string>
+
+inline std::string contentOf(const std::string& file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t i = 0; (i = text.find(from, i)) != std::string::npos; i += to.size()) {
+    text.replace(i, from.size(), to);
+  }
+  return text;
+}
+
+struct Start {
+  int status;          // as a shell tells it
+  std::string output;  // standard output and standard error
+  std::string log;
+};
+
+class BundleFixture : public testing::Test {
+ protected:
+  BundleFixture() {
+    const char* path = std::getenv("PATH");
+    const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+    environ[0] = nullptr;
+    setenv("PATH", path, 1);
+    if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
+    for (const std::string& folder : {bin, lib, runtime, logs}) {
+      std::filesystem::create_directories(folder);
+    }
+    std::filesystem::create_symlink(KESTREL_LAUNCHER, bin + "/kestrel");
+    std::filesystem::create_symlink(SCRIPTED_JVM, runtime + "/libjli.dylib");
+    setenv("ROOT", root.c_str(), 1);
+    setenv("K", (bin + "/kestrel").c_str(), 1);
+    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
+    setenv("SCRIPTED_JVM_CALLS", log.c_str(), 1);
+  }
+
+  ~BundleFixture() override { std::filesystem::remove_all(root); }
+
+  // Runs a line of /bin/sh that ends with `exec $K`, the launcher, and expects its exit status.
+  // $ROOT is the folder of it all. Earlier starts' log is gone.
+  Start start(const std::string& line, int status = 0) {
+    std::filesystem::remove(log);
+    const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
+    const std::string output = contentOf(root + "/output");
+    const std::string pid = output.substr(0, output.find('\n'));
+    const Start start = {WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended),
+                         readable(output.substr(pid.size() + 1), pid),
+                         readable(contentOf(log), pid)};
+    EXPECT_EQ(start.status, status) << line << "\n" << start.output << start.log;
+    return start;
+  }
+
+  // A text with names, as docs/options.md has them, in the place of what varies. Of a log what
+  // comes after the last banner, without the head of each record that the process `pid` has
+  // written.
+  [[nodiscard]] std::string readable(std::string text, const std::string& pid) const {
+    const std::string banner = "Logger initialized\n";
+    const std::size_t begin = text.rfind(banner);
+    if (begin != std::string::npos) text.erase(0, begin + banner.size());
+    const std::regex head(VERSION " " + pid + R"( [-\d]+ [:.\d]+ INFO   ---- \(native\) {17})");
+    text = std::regex_replace(text, head, "");
+    text = replaced(replaced(text, bin, "<install>"), logs, "<logs>");
+    return replaced(replaced(text, "-" + pid + ".", "-<pid>."), VERSION, "<version>");
+  }
+
+  const std::string root = [] {
+    std::string name = std::filesystem::temp_directory_path() / "kestrel-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
+    return name;
+  }();
+  const std::string contents = root + "/Kestrel.app/Contents";
+  const std::string bin = contents + "/MacOS";
+  const std::string lib = contents + "/lib";
+  const std::string runtime = contents + "/jre/Contents/Home/lib";
+  const std::string logs = root + "/logs";
+  const std::string log = logs + "/kestrel-native.log";
+};
+
+#endif  // KESTREL_TESTS_BUNDLE_FIXTURE_H_
