@@ -1,6 +1,8 @@
+import static java.nio.charset.StandardCharsets.*;
+
 import java.io.*;
+import java.lang.ProcessBuilder.Redirect;
 import java.nio.channels.ClosedByInterruptException;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
 import java.util.*;
 import java.util.concurrent.*;
@@ -8,37 +10,35 @@ import java.util.regex.*;
 import java.util.stream.*;
 import java.util.zip.ZipFile;
 
-/**
- * Makes application bundles; docs/bundle.md tells how. After an error or a signal all is as before.
- *
- * <pre>
- *   bundle TARGET.app LAUNCHER JAR-OR-FOLDER... [-- ARG...]
- *       with a runtime of the JDK that runs this, prepared to start the application fast
- *   archive APPLICATION.app [-- ARG...]
- *       prepares the runtime in a bundle anew
- *   fill APPLICATION.app RUNTIME JAR-OR-FOLDER...
- *       replaces jars and runtime of a bundle for Macs; with an empty RUNTIME it has none
- * </pre>
- */
+/** Makes bundles, as docs/bundle.md tells; an error or a signal leaves everything as it was. */
 public final class Bundle implements Closeable {
+  private static final String USAGE = """
+      usage: bundle TARGET.app LAUNCHER JAR-OR-FOLDER... [-- ARG...]
+         or: archive APPLICATION.app [-- ARG...]
+         or: fill APPLICATION.app RUNTIME-OR-EMPTY-WORD JAR-OR-FOLDER...""";
   private static final String ENTRY = "com/norvale/app/daemon/entry/NativeLauncher";
+  private static final String LAUNCHER = "/Contents/MacOS/kestrel";
   private static final String LOG = "logs/kestrel-native.log";
+  private static final String TOOLS = System.getProperty("java.home") + "/bin/";
   private static final String IN_MAIN = "JVM calling main";
-  private static final int STOPPED = -1;
-  private static final int KILLED = -2;
 
   private final int seconds = Integer.parseInt(find("^([1-9][0-9]{0,4})$",
-      environment("KESTREL_RECORD_SECONDS", "20"), "KESTREL_RECORD_SECONDS is not a number"));
-  private final Map<Path, Path> replaced = new LinkedHashMap<>();
+      System.getenv().getOrDefault("KESTREL_RECORD_SECONDS", "20"),
+      "KESTREL_RECORD_SECONDS is not a number of seconds"));
+  private final List<String> arguments;
   private final Path work; // beside the bundle, so that to move things there and back is to rename
-  private Path application;
-  private List<String> options; // that its launcher gives the JVM
+  private final Map<Path, Path> replaced = new LinkedHashMap<>();
+  private final Path application;
+  private final Path home; // of its runtime
+  private int version; // of its runtime
+  private List<String> options; // that the launcher gives the JVM
   private Path archive; // where the JVM looks for one
-  private int version; // of the JVM
 
-  private Bundle(Path place) throws IOException {
-    application = place;
+  private Bundle(Path place, String command, List<String> arguments) throws IOException {
     work = Files.createTempDirectory(Files.createDirectories(place.getParent()), ".bundle");
+    application = command.equals("bundle") ? work.resolve(place.getFileName()) : place;
+    home = application.resolve("Contents/jre/Contents/Home");
+    this.arguments = arguments;
   }
 
   public static void main(String[] args) {
@@ -64,62 +64,47 @@ public final class Bundle implements Closeable {
 
   private static void perform(List<String> args) throws Exception {
     int end = args.contains("--") ? args.indexOf("--") : args.size();
-    List<String> arguments = args.stream().skip(end + 1).toList();
     String command = end == 0 ? "" : args.get(0);
-    check(end > 3 && command.matches("bundle|fill") || end == 2 && command.equals("archive"),
-        "usage: bundle TARGET.app LAUNCHER JAR-OR-FOLDER... [-- ARG...]\n"
-        + "  or archive APPLICATION.app [-- ARG...] or fill APPLICATION.app RUNTIME JAR-OR-FOLDER...");
+    check(command.matches(end > 3 ? "bundle|fill" : end == 2 ? "archive" : "-"), USAGE);
+    List<String> jars = end == 2 ? List.of() : findJars(args.subList(3, end));
     Path place = absolute(args.get(1)).normalize();
-    List<Path> jars = end == 2 ? List.of() : findJars(args.subList(3, end));
-    boolean isBundle = Files.isDirectory(place.resolve("Contents"));
-    check(isBundle || command.equals("bundle") && !Files.exists(place), place + " is not a bundle");
-    switch (command) {
-      case "bundle" -> bundle(place, absolute(args.get(2)), jars, arguments);
-      case "fill" -> fill(place, args.get(2), jars);
-      default -> archive(place, arguments);
+    check(Files.isDirectory(place.resolve("Contents")) || command.equals("bundle")
+        && Files.notExists(place), place + " is not a bundle");
+    try (Bundle bundle = new Bundle(place, command, args.stream().skip(end + 1).toList())) {
+      switch (command) {
+        case "bundle" -> bundle.make(place, absolute(args.get(2)), jars);
+        case "archive" -> bundle.prepare();
+        default -> bundle.fill(jars, args.get(2));
+      }
+      bundle.replaced.clear();
     }
+    say("the bundle is " + place);
   }
 
-  private static void bundle(Path target, Path launcher, List<Path> jars, List<String> arguments)
-      throws Exception {
+  private void make(Path target, Path program, List<String> jars) throws Exception {
     check(target.toString().matches("[^:\n]*\\.app"), target + " is not a name for a bundle");
-    check(Files.isExecutable(launcher), launcher + " is not a program");
-    String runtime = environment("KESTREL_RUNTIME", "");
+    check(Files.isExecutable(program), program + " is not a program");
+    String runtime = System.getenv().getOrDefault("KESTREL_RUNTIME", "");
     check(runtime.isEmpty() || Files.isExecutable(homeIn(Path.of(runtime)).resolve("bin/java")),
         "KESTREL_RUNTIME=" + runtime + " is not a Java runtime");
-    try (Bundle bundle = new Bundle(target)) {
-      bundle.application = bundle.work.resolve(target.getFileName());
-      bundle.assemble(launcher, jars, runtime);
-      bundle.prepare(arguments);
-      bundle.replace(bundle.application, target);
-      bundle.replaced.clear();
-    }
-    say("the bundle is " + target);
+    assemble(program, jars, runtime);
+    prepare();
+    replace(application, target);
   }
 
-  private static void archive(Path application, List<String> arguments) throws Exception {
-    try (Bundle bundle = new Bundle(application)) {
-      bundle.prepare(arguments);
-      bundle.replaced.clear();
-    }
-  }
-
-  private static void fill(Path application, String runtime, List<Path> jars) throws Exception {
+  private void fill(List<String> jars, String runtime) throws Exception {
     if (!runtime.isEmpty()) checkMacLibrary(homeIn(Path.of(runtime)));
-    try (Bundle bundle = new Bundle(application)) {
-      addJars(bundle.work, jars);
-      if (!runtime.isEmpty()) addRuntime(bundle.work, Path.of(runtime));
-      bundle.replace(bundle.work.resolve("lib"), application.resolve("Contents/lib"));
-      bundle.replace(bundle.work.resolve("jre"), application.resolve("Contents/jre"));
-      bundle.replaced.clear();
-    }
+    addJars(work, jars);
+    if (!runtime.isEmpty()) addRuntime(work, Path.of(runtime));
+    replace(file("lib"), application.resolve("Contents/lib"));
+    replace(file("jre"), application.resolve("Contents/jre"));
   }
 
   /** Moves what was made, if it was, to its place; what was there is kept until all is well. */
   private void replace(Path made, Path place) throws IOException {
-    Path kept = work.resolve("replaced" + replaced.size());
+    Path kept = file("replaced" + replaced.size());
     if (replaced.putIfAbsent(place, kept) != null) delete(place);
-    if (Files.exists(place)) Files.move(place, kept);
+    if (Files.exists(place, LinkOption.NOFOLLOW_LINKS)) Files.move(place, kept);
     if (Files.exists(made)) Files.move(made, place);
   }
 
@@ -131,8 +116,6 @@ public final class Bundle implements Closeable {
     delete(work);
   }
 
-  // What the caller gives -----------------------------------------------------------------------
-
   private static void check(boolean good, String message) {
     if (!good) throw new IllegalArgumentException(message);
   }
@@ -142,37 +125,30 @@ public final class Bundle implements Closeable {
     return Path.of(name).toAbsolutePath();
   }
 
-  private static String environment(String name, String otherwise) {
-    String value = System.getenv().getOrDefault(name, "");
-    return value.isEmpty() ? otherwise : value;
-  }
-
   /** The jars given and those in folders given, which must be what the launcher can start. */
-  private static List<Path> findJars(List<String> given) {
-    List<Path> jars = new ArrayList<>();
+  private static List<String> findJars(List<String> given) {
+    List<String> jars = new ArrayList<>();
     for (String name : given) {
       File[] inside = absolute(name).toFile().listFiles((folder, file) -> file.endsWith(".jar"));
       check(inside == null || inside.length > 0, "no jar in " + name);
-      if (inside == null) jars.add(absolute(name));
-      else Stream.of(inside).sorted().map(File::toPath).forEach(jars::add);
+      if (inside == null) jars.add(absolute(name).toString());
+      else Stream.of(inside).sorted().map(File::getPath).forEach(jars::add);
     }
     Set<String> names = new HashSet<>();
-    for (Path jar : jars) { // whatever the case: a Mac's file system takes both for one
-      boolean isNew = names.add(jar.getFileName().toString().toLowerCase(Locale.ROOT));
-      check(isNew, "two jars are named " + jar.getFileName());
+    for (String jar : jars) { // whatever the case: a Mac's file system takes both for one
+      String name = new File(jar).getName();
+      check(names.add(name.toLowerCase(Locale.ROOT)), "two jars are named " + name);
     }
-    List<Path> entries = jars.stream().filter(Bundle::hasEntry).toList();
-    check(entries.size() == 1, (entries.isEmpty() ? "none of the jars holds" : "more than one jar holds")
-        + " the entry class " + ENTRY + ": " + entries);
+    List<String> found = jars.stream().filter(Bundle::hasEntry).toList();
+    check(found.size() == 1, found + " hold the entry class " + ENTRY + ": one jar has to");
     return jars;
   }
 
-  private static boolean hasEntry(Path jar) {
-    String name = jar.getFileName().toString();
-    check(name.matches("[^:\n]*\\.jar"), jar + " is not a name for a jar on a class path");
-    check(Files.isRegularFile(jar), jar + " does not exist, or is not a file");
+  private static boolean hasEntry(String jar) {
+    check(jar.matches(".*/[^:\n]*\\.jar"), jar + " is not a name for a jar on a class path");
+    check(new File(jar).isFile(), jar + " does not exist or is not a file");
     Pattern entry = Pattern.compile("(META-INF/versions/[0-9]+/)?" + ENTRY + "\\.class");
-    try (ZipFile zip = new ZipFile(jar.toFile())) {
+    try (ZipFile zip = new ZipFile(jar)) {
       return zip.stream().anyMatch(file -> entry.matcher(file.getName()).matches());
     } catch (IOException e) {
       throw new IllegalArgumentException(jar + " is not a jar, or cut off: " + e.getMessage());
@@ -182,37 +158,28 @@ public final class Bundle implements Closeable {
   /** A Mach-O library for one processor, or the table at the head of one for several. */
   private static void checkMacLibrary(Path home) throws IOException {
     Path library = home.resolve("lib/libjli.dylib");
-    String name = environment("KESTREL_MACOS_ARCH", "x86_64");
+    String name = System.getenv().getOrDefault("KESTREL_MACOS_ARCH", "x86_64");
     String type = name.equals("arm64") ? "\\x0C" : "\\x07";
     check(Files.isRegularFile(library), library + " does not exist: not a Mac's Java runtime");
-    String content = Files.readString(library, StandardCharsets.ISO_8859_1);
-    check(content.matches("(?s)\\xCF\\xFA\\xED\\xFE" + type + "\\x00\\x00\\x01.{4}\\x06.*"
-        + "|(?s)\\xCA\\xFE\\xBA\\xBE\\x00{3}[\\x01-\\x08](.{20}){0,7}?\\x01\\x00\\x00" + type + ".*"),
+    check(Files.readString(library, ISO_8859_1).matches(
+        "(?s)(\\xCF\\xFA\\xED\\xFE" + type + "\\x00\\x00\\x01.{4}\\x06|\\xCA\\xFE\\xBA\\xBE\\x00{3}"
+        + "[\\x01-\\x08](.{20}){0,7}?\\x01\\x00\\x00" + type + ").*"),
         library + " is not a library for " + name + " Macs");
   }
 
-  // What the bundle holds -----------------------------------------------------------------------
-
-  private void assemble(Path launcher, List<Path> jars, String runtime) throws Exception {
-    Path contents = application.resolve("Contents");
-    copy(launcher, Files.createDirectories(contents.resolve("MacOS")).resolve("kestrel"));
+  private void assemble(Path program, List<String> jars, String runtime) throws Exception {
+    Path contents = Files.createDirectories(application.resolve("Contents"));
+    copy(program, Files.createDirectory(contents.resolve("MacOS")).resolve("kestrel"));
     for (String name : List.of("Info.plist", "Resources")) { // which lie beside a Mac's launcher
-      Path thing = launcher.getParent().resolveSibling(name);
-      if (Files.exists(thing)) copy(thing, contents.resolve(name));
+      copy(program.getParent().resolveSibling(name), contents.resolve(name));
     }
     addJars(contents, jars);
     if (runtime.isEmpty()) link(jars);
     else addRuntime(contents, Path.of(runtime));
-    if (System.getProperty("os.name").startsWith("Mac")) {
-      checkMacLibrary(home());
-    } else { // the JVM's own library exports the same function
-      Files.deleteIfExists(home().resolve("lib/libjli.dylib"));
-      Files.createSymbolicLink(home().resolve("lib/libjli.dylib"), Path.of("server/libjvm.so"));
-    }
-  }
-
-  private Path home() {
-    return application.resolve("Contents/jre/Contents/Home");
+    Path library = home.resolve("lib/libjli.dylib");
+    if (System.getProperty("os.name").startsWith("Mac")) checkMacLibrary(home);
+    else if (Files.notExists(library)) // the JVM's own library exports the same function
+      Files.createSymbolicLink(library, Path.of("server/libjvm.so"));
   }
 
   /** Where in a folder the runtime lies, which for Macs may be Contents/Home. */
@@ -222,93 +189,81 @@ public final class Bundle implements Closeable {
   }
 
   /** With their time stamps, by which the JVM knows them, and readable for everybody. */
-  private static void addJars(Path contents, List<Path> jars) throws Exception {
+  private static void addJars(Path contents, List<String> jars) throws Exception {
     Path lib = Files.createDirectory(contents.resolve("lib"));
-    for (Path jar : jars) {
-      copy(jar, lib.resolve(jar.getFileName()));
-      lib.resolve(jar.getFileName()).toFile().setReadable(true, false);
+    for (String jar : jars) {
+      Path to = lib.resolve(Path.of(jar).getFileName());
+      copy(Path.of(jar), to);
+      to.toFile().setReadable(true, false);
     }
   }
 
   private static void addRuntime(Path contents, Path runtime) throws Exception {
-    say("copying the runtime " + runtime);
     Path about = Files.createDirectory(contents.resolve("jre")).resolve("Contents");
     if (homeIn(runtime) != runtime) copy(runtime.resolve("Contents"), about);
     else copy(runtime, Files.createDirectory(about).resolve("Home"));
   }
 
-  /** Copies a file or a folder, without files that only a debugger of the JVM itself reads. */
+  /** Copies what is there, but for files that only a debugger of the JVM itself reads. */
   private static void copy(Path source, Path target) throws Exception {
-    Path from = source.toRealPath();
+    Path from = Files.exists(source) ? source.toRealPath() : source;
     for (Path path : tree(from)) {
       if (Thread.interrupted()) throw new InterruptedException();
-      if (path.toString().matches(".*\\.(debuginfo|diz|dSYM)(/.*)?")) continue;
       Path to = target.resolve(from.relativize(path).toString());
       boolean isLink = Files.isSymbolicLink(path);
-      if (isLink && Files.readSymbolicLink(path).isAbsolute()) {
-        if (Files.exists(path)) copy(path, to); // some systems keep a runtime's settings elsewhere
-      } else if (Files.isDirectory(path) && !isLink) {
-        Files.createDirectory(to);
-      } else {
-        Files.copy(path, to, StandardCopyOption.COPY_ATTRIBUTES, LinkOption.NOFOLLOW_LINKS);
-      }
+      if (path.toString().matches(".*\\.(debuginfo|diz|dSYM)(/.*)?")) continue;
+      if (isLink && Files.readSymbolicLink(path).isAbsolute()) copy(path, to); // as to /etc
+      else if (!isLink && Files.isDirectory(path)) Files.createDirectory(to);
+      else Files.copy(path, to, StandardCopyOption.COPY_ATTRIBUTES, LinkOption.NOFOLLOW_LINKS);
     }
   }
 
   private static List<Path> tree(Path root) throws IOException {
-    try (Stream<Path> paths = Files.walk(root)) {
+    try (Stream<Path> paths = Files.exists(root) ? Files.walk(root) : Stream.empty()) {
       return paths.toList();
     }
   }
 
   private static void delete(Path root) throws IOException {
-    List<Path> paths = Files.exists(root) ? tree(root) : List.of();
+    List<Path> paths = tree(root);
     for (int i = paths.size() - 1; i >= 0; i--) Files.delete(paths.get(i));
   }
 
-  private void link(List<Path> jars) throws Exception {
+  private void link(List<String> jars) throws Exception {
     say("looking for the modules that the jars use");
     String modules = "java.base,java.desktop,jdk.jdwp.agent," + modulesOf(jars, jars)
-        + environment("KESTREL_MODULES", "");
+        + System.getenv().getOrDefault("KESTREL_MODULES", "");
     modules = String.join(",", new TreeSet<>(List.of(modules.split("[,\\s]+"))));
     say("linking a runtime of " + modules);
-    Files.createDirectories(home().getParent());
-    int status = run(JDK + "/bin/jlink", List.of("--add-modules", modules, "--strip-java-debug-attributes",
-        "--exclude-files=**.debuginfo,**.diz,**.dSYM/**", "--no-header-files", "--no-man-pages",
-        "--output", home().toString()));
-    check(status == 0, "jlink: " + reason());
+    Files.createDirectories(home.getParent());
+    check(run(TOOLS + "jlink", List.of("--add-modules", modules, "--no-header-files",
+        "--no-man-pages", "--strip-java-debug-attributes", "--exclude-files=**.debuginfo,**.diz",
+        "--output", home.toString())) == 0, "jlink: " + reason());
   }
 
   /** Some jars can be read only all together, and some not at all: modules with others missing. */
-  private String modulesOf(List<Path> some, List<Path> jars) throws Exception {
-    List<String> words = new ArrayList<>(List.of("-q", "--ignore-missing-deps", "--print-module-deps",
-        "--multi-release", "" + Runtime.version().feature(), "--class-path",
-        jars.stream().map(Path::toString).collect(Collectors.joining(":"))));
-    some.forEach(jar -> words.add(jar.toString()));
-    if (tool("jdeps", words) == 0) return find("(\\S+)\\s*$", read("output"), "no modules") + ",";
-    if (some.size() > 1) {
-      String modules = "";
-      for (Path jar : some) modules += modulesOf(List.of(jar), jars);
-      return modules;
-    }
-    say("jdeps cannot read " + some.get(0).getFileName() + ": taking all of Java SE");
-    return "java.se,jdk.unsupported,";
+  private String modulesOf(List<String> some, List<String> jars) throws Exception {
+    List<String> words = new ArrayList<>(List.of("-q", "--ignore-missing-deps",
+        "--print-module-deps", "--multi-release", "" + Runtime.version().feature(),
+        "--class-path", String.join(":", jars)));
+    words.addAll(some);
+    String found = run(TOOLS + "jdeps", words) == 0 ? read("output").strip() : "";
+    if (!found.isEmpty()) return found.substring(found.lastIndexOf('\n') + 1) + ",";
+    String modules = some.size() == 1 ? "java.se,jdk.unsupported," : "";
+    if (some.size() == 1) say("jdeps cannot read " + some.get(0) + ": taking all of Java SE");
+    else for (String jar : some) modules += modulesOf(List.of(jar), jars);
+    return modules;
   }
 
-  // Its archive ---------------------------------------------------------------------------------
-
-  private void prepare(List<String> arguments) throws Exception {
-    String release = home().resolve("release").toString();
-    version = Integer.parseInt(
-        find("JAVA_VERSION=\"([0-9]+)", read(release), home() + " is not a Java runtime"));
-    check(home().toRealPath().startsWith(application.toRealPath()), home() + " is a link");
-    command = new ArrayList<>(arguments);
-    command.add(0, application.resolve("Contents/MacOS/kestrel").toString());
+  private void prepare() throws Exception {
+    version = Integer.parseInt(find("JAVA_VERSION=\"([0-9]+)", read(home + "/release"),
+        home + " is not a Java runtime"));
+    check(home.toRealPath().startsWith(application.toRealPath()), home + " is a link to elsewhere");
     findOptions();
     record();
     dump("-XX:+AOTClassLinking");
     if (prove()) return;
-    say("with linked classes this JVM does not start: once more without -XX:+AOTClassLinking");
+    say("this JVM does not start with linked classes: once more without -XX:+AOTClassLinking");
     dump("-XX:-AOTClassLinking");
     check(prove(), "the JVM does not take the archive: " + reason());
   }
@@ -317,121 +272,118 @@ public final class Bundle implements Closeable {
   private void findOptions() throws Exception {
     boolean started = reachesMain("");
     check(started || !read("output").contains("UseCompactObjectHeaders"), "JDK " + version
-        + " refuses -XX:+UseCompactObjectHeaders, which the launcher gives it: take JDK 25 or later,"
-        + " or set KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, which every start then needs as well");
+        + " refuses the launcher's -XX:+UseCompactObjectHeaders: take JDK 25 or later, or set"
+        + " KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, which every start of the bundle then needs");
     check(started, "the application does not start: " + reason());
-    String list = find("(?s)startJVM JVM Args: *\n\t(.*?)\n\t\n", read(LOG), "no options in the log");
-    options = list.lines().map(String::strip)
+    options = find("(?s)startJVM JVM Args: *\n\t(.*?)\n\t\n", read(LOG), "no options in the log")
+        .lines().map(line -> line.replaceFirst("^\t", ""))
         .filter(option -> !option.matches("vfprintf|exit|abort|-Xlog:cds(,aot)?")).toList();
-    String name = find("trying to map .*/(.*jsa)", read(LOG), "the JVM looks for no archive");
-    archive = home().resolve("lib/server").resolve(name);
+    archive = home.resolve("lib/server").resolve(
+        find("trying to map .*/(.*jsa)", read(LOG), "the JVM looks for no archive"));
   }
 
-  /** Starts the application without the launcher, since the record is whole when the JVM ends. */
+  /** Starts the application without its launcher, since a JVM completes the record when it ends. */
   private void record() throws Exception {
     say("recording the classes of a start, for " + seconds + " s or until it ends");
-    Path classes = work.resolve("classes");
+    List<String> words = new ArrayList<>(options);
+    words.addAll(version < 28 ? List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + file("record"))
+        : List.of("-XX:AOTMode=record", "-XX:AOTConfiguration=" + file("record")));
     // The launcher's stack size is not for main, which there has a thread that is not the JVM's.
-    List<String> more = new ArrayList<>(List.of("-Xss8m"));
-    if (version < 28) more.addAll(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classes));
-    else more.addAll(List.of("-XX:AOTMode=record", "-XX:AOTConfiguration=" + classes));
-    more.add(ENTRY.replace('/', '.'));
-    more.addAll(command);
-    int status = java(seconds, more);
-    check(status != 134 && status != 139 && !read("output").contains("Error: LinkageError occurred")
-        && !read("output").contains("Error: Could not find"), "it cannot be started: " + reason());
-    if (status >= 0) say("it ended with status " + status + (status == 0 ? "" : ": " + reason()));
-    if (status != KILLED) return;
-    say("it did not end when told to: less of its start can be prepared");
-    if (version < 28) Files.writeString(classes, find("(?s)(.*\n)", read("classes"), "no record"));
-    else Files.deleteIfExists(classes);
+    words.addAll(List.of("-Xss8m", ENTRY, application + LAUNCHER));
+    words.addAll(arguments);
+    int status = run(home + "/bin/java", words, seconds, "");
+    check(!read("output").matches("(?s).*(# A fatal|Error: LinkageError|Error: Could not find) .*"),
+        "the application cannot be started: " + reason());
+    say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
+    // Who had to be killed may have left half a line.
+    if (version < 28) Files.writeString(file("record"), find("(?s)(.*\n)", read("record"), "no list"));
   }
 
   private void dump(String linking) throws Exception {
     say("dumping the archive");
-    Path made = work.resolve("archive");
-    boolean recorded = Files.exists(work.resolve("classes"));
-    // More room than the application gets: here all classes are written at once.
-    List<String> more = new ArrayList<>(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g"));
-    more.add(version < 24 ? "-Djava.class.path=" : linking); // older ones bind jars to their place
-    if (version < 28 || !recorded) {
-      more.addAll(List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + made));
-      if (recorded) more.add("-XX:SharedClassListFile=" + work.resolve("classes"));
-    } else { // which links no classes in an archive of the other kind
-      more.addAll(List.of("-XX:AOTMode=create", "-XX:AOTCache=" + made,
-          "-XX:AOTConfiguration=" + work.resolve("classes")));
-    }
-    java(Integer.MAX_VALUE, more);
-    check(Files.exists(made), "the JVM makes no archive: " + reason());
-    replace(made, archive);
+    List<String> words = new ArrayList<>(options);
+    // All classes are written at once. Before 24 those of jars hold only where these lie.
+    words.addAll(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g",
+        version < 24 ? "-Djava.class.path=" : linking));
+    // A JDK from 28 on links classes in no archive but a cache, which it takes for one.
+    words.addAll(version >= 28 && Files.exists(file("record"))
+        ? List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("record"),
+            "-XX:AOTCache=" + file("made"))
+        : List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + file("made"),
+            "-XX:SharedClassListFile=" + (version < 28 ? file("record") : home + "/lib/classlist")));
+    run(home + "/bin/java", words);
+    check(Files.exists(file("made")), "the JVM makes no archive: " + reason());
+    replace(file("made"), archive);
   }
 
   /** With -Xshare:on a JVM that cannot use its archive ends; otherwise it goes on without. */
   private boolean prove() throws Exception {
-    say("starting the bundle with the archive");
     if (!reachesMain("-Xshare:on")) return false;
-    boolean linked = read(LOG).contains("AOT-linked classes: true");
-    boolean graph = read(LOG).contains("full module graph: enabled");
-    say("the JVM takes " + archive.getFileName() + " (" + (Files.size(archive) >> 20) + " MiB)"
-        + (linked ? ", with" : ", without") + " linked classes and"
-        + (graph ? " with" : " without") + " the full module graph");
+    say("the JVM maps " + archive.getFileName() + ", " + (Files.size(archive) >> 20) + " MiB; "
+        + "linked classes: " + read(LOG).contains("AOT-linked classes: true")
+        + ", full module graph: " + read(LOG).contains("full module graph: enabled"));
     return true;
   }
 
-  // Processes -----------------------------------------------------------------------------------
-
   private boolean reachesMain(String option) throws Exception {
-    run(command, 120, option + (version < 24 ? " -Xlog:cds" : " -Xlog:cds,aot"));
+    String logging = version < 24 ? " -Xlog:cds" : " -Xlog:cds,aot";
+    run(application + LAUNCHER, arguments, 120, option + logging);
     return read(LOG).contains(IN_MAIN);
   }
 
-  /** Runs a program until it ends, the launcher comes to main, or the time is over. */
-  private int run(List<String> words, int seconds, String jvmOptions) throws Exception {
-    File output = work.resolve("output").toFile();
-    delete(work.resolve("logs"));
-    Files.writeString(output.toPath(), "");
-    ProcessBuilder builder = new ProcessBuilder(words).redirectInput(new File("/dev/null"))
-        .redirectOutput(ProcessBuilder.Redirect.appendTo(output)).redirectErrorStream(true);
-    Map<String, String> environment = builder.environment();
-    environment.keySet().removeAll(List.of("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE", "CLASSPATH",
-        "NORVALED_DEBUG_PORT", "JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"));
-    environment.put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", work.resolve("logs").toString());
-    environment.merge("NORVALED_JVM_ARGS", jvmOptions, (old, more) -> old + " " + more);
-    Process process = builder.start();
-    try {
-      long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(seconds);
-      while (!process.waitFor(20, TimeUnit.MILLISECONDS)) {
-        if (System.nanoTime() > end || read(LOG).contains(IN_MAIN)) return stop(process);
-        // What an application says without end is not to fill the disk.
-        if (output.length() > 1 << 20) Files.writeString(output.toPath(), "");
-      }
-      return process.exitValue();
-    } finally {
-      process.descendants().forEach(ProcessHandle::destroyForcibly);
-      process.destroyForcibly().onExit().join();
-    }
+  private int run(String program, List<String> words) throws Exception {
+    return run(program, words, Integer.MAX_VALUE, "");
   }
 
-  private static int stop(Process process) throws InterruptedException {
+  /** Runs a program until it ends, the launcher comes to main, or the time is over. */
+  private int run(String program, List<String> words, int limit, String jvm) throws Exception {
+    delete(file("logs"));
+    Files.writeString(file("output"), "");
+    ProcessBuilder builder = new ProcessBuilder(program).redirectInput(new File("/dev/null"))
+        .redirectOutput(Redirect.appendTo(file("output").toFile())).redirectErrorStream(true);
+    builder.command().addAll(words);
+    builder.environment().keySet().removeIf(name -> name.matches("CLASSPATH|NORVALED_DEBUG_PORT"
+        + "|KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE|(JDK)?_JAVA_OPTIONS|JAVA_TOOL_OPTIONS"));
+    builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
+    builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
+    Process process = builder.start();
+    try {
+      long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
+      while (!process.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains(IN_MAIN)) {
+        // What an application says without end is not to fill the disk.
+        if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
+        if (System.nanoTime() > end) stop(process);
+      }
+    } finally {
+      List<ProcessHandle> children = process.descendants().toList();
+      process.destroyForcibly().onExit().join();
+      children.forEach(ProcessHandle::destroyForcibly);
+    }
+    return process.exitValue();
+  }
+
+  private static void stop(Process process) throws InterruptedException {
     List<ProcessHandle> children = process.descendants().toList();
     process.destroy();
-    boolean ended = process.waitFor(10, TimeUnit.SECONDS);
+    if (!process.waitFor(10, TimeUnit.SECONDS)) process.destroyForcibly();
     children.forEach(ProcessHandle::destroyForcibly);
-    return ended ? STOPPED : KILLED;
   }
 
   /** The exception that ended a program, or what it said last. */
   private String reason() throws IOException {
     String text = read(LOG).replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "");
-    List<String> lines = (text + read("output")).lines().map(String::stripTrailing).filter(
-        line -> !line.matches("|\\s+at .*|\t.*|.*[Ww]arning.*|.*---- .native.*")).toList();
-    Stream<String> errors = lines.stream().filter(line -> line.matches(".*(Exception|Error).*"));
-    return Stream.concat(lines.stream(), errors).reduce("it says nothing", (a, b) -> b.strip());
+    List<String> lines = (text + read("output")).lines().filter(
+        line -> !line.matches("(?i)[#\\s]*|\\s+(at |-).*|.*warning.*|.*---- .native.*")).toList();
+    Stream<String> errors = lines.stream().filter(l -> l.matches(".*(Exception|Error|SIG[A-Z]+ ).*"));
+    return Stream.concat(lines.stream(), errors).reduce("no message", (a, b) -> b.strip());
+  }
+
+  private Path file(String name) {
+    return work.resolve(name);
   }
 
   private String read(String name) throws IOException {
-    Path file = work.resolve(name);
-    return Files.exists(file) ? new String(Files.readAllBytes(file), StandardCharsets.UTF_8) : "";
+    return Files.exists(file(name)) ? new String(Files.readAllBytes(file(name)), UTF_8) : "";
   }
 
   private static String find(String pattern, String text, String otherwise) {
