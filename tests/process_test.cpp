@@ -137,7 +137,7 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
   const std::string words = " -Db=2\t-Xms64m \v\f\r";
   const std::vector<OptionRow> rows = {
       {"KESTREL_AGGRESSIVE_OPTIMIZATIONS=false KESTREL_GC_FORCE_SERIAL_GC= "
-       "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM="},
+       "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM= TMPDIR=$K"},
       {"KESTREL_AGGRESSIVE_OPTIMIZATIONS= KESTREL_GC_FORCE_SERIAL_GC=true "
        "KESTREL_GC_AGGRESSIVE_RECLAIM=no KESTREL_GC_MAX_PAUSE_MILLIS=abc",
        "", "Millis=100", "Millis=abc"},
