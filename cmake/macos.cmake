@@ -26,8 +26,7 @@ list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_ZIG KESTREL_MACOS_ARCH)
 
 # Frame pointers are the rule on a Mac: crash reports and samplers walk the stack by them. They also
 # keep functions from leaning on __eh_frame, where zig's linker leaves the address of the exception
-# handler unrelocated, so that a throw through them would crash. Size-optimised code leans on it the
-# most: never build with -Os here.
+# handler unrelocated, so that a throw through them would crash.
 foreach(language CXX OBJCXX)
   set(CMAKE_${language}_COMPILER ${KESTREL_ZIG} c++ -target ${target})
   set(CMAKE_${language}_FLAGS_INIT -fno-omit-frame-pointer)

@@ -247,7 +247,8 @@ public final class Bundle implements Closeable {
         "--print-module-deps", "--multi-release", "" + Runtime.version().feature(),
         "--class-path", String.join(":", jars)));
     words.addAll(some);
-    if (run(TOOLS + "jdeps", words) == 0) return find("(\\S+)\\s*$", read("output"), "jdeps") + ",";
+    String found = run(TOOLS + "jdeps", words) == 0 ? read("output").strip() : "";
+    if (!found.isEmpty()) return found.substring(found.lastIndexOf('\n') + 1) + ",";
     String modules = some.size() == 1 ? "java.se,jdk.unsupported," : "";
     if (some.size() == 1) say("jdeps cannot read " + some.get(0) + ": taking all of Java SE");
     else for (String jar : some) modules += modulesOf(List.of(jar), jars);
@@ -294,9 +295,8 @@ public final class Bundle implements Closeable {
     check(!read("output").matches("(?s).*(# A fatal|Error: LinkageError|Error: Could not find) .*"),
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
-    if (version >= 28) return;
     // Who had to be killed may have left half a line.
-    Files.writeString(file("record"), find("(?s)(.*\n)", read("record"), "nothing recorded"));
+    if (version < 28) Files.writeString(file("record"), find("(?s)(.*\n)", read("record"), "no list"));
   }
 
   private void dump(String linking) throws Exception {
@@ -306,12 +306,11 @@ public final class Bundle implements Closeable {
     words.addAll(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g",
         version < 24 ? "-Djava.class.path=" : linking));
     // A JDK from 28 on links classes in no archive but a cache, which it takes for one.
-    boolean recorded = Files.exists(file("record"));
-    words.addAll(version < 28 || !recorded
-        ? List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + file("made"),
-            "-XX:SharedClassListFile=" + (recorded ? file("record") : home + "/lib/classlist"))
-        : List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("record"),
-            "-XX:AOTCache=" + file("made")));
+    words.addAll(version >= 28 && Files.exists(file("record"))
+        ? List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("record"),
+            "-XX:AOTCache=" + file("made"))
+        : List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + file("made"),
+            "-XX:SharedClassListFile=" + (version < 28 ? file("record") : home + "/lib/classlist")));
     run(home + "/bin/java", words);
     check(Files.exists(file("made")), "the JVM makes no archive: " + reason());
     replace(file("made"), archive);
@@ -343,23 +342,24 @@ public final class Bundle implements Closeable {
     ProcessBuilder builder = new ProcessBuilder(program).redirectInput(new File("/dev/null"))
         .redirectOutput(Redirect.appendTo(file("output").toFile())).redirectErrorStream(true);
     builder.command().addAll(words);
-    builder.environment().keySet().removeAll(List.of("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE",
-        "CLASSPATH", "NORVALED_DEBUG_PORT", "JDK_JAVA_OPTIONS", "JAVA_TOOL_OPTIONS", "_JAVA_OPTIONS"));
+    builder.environment().keySet().removeIf(name -> name.matches("CLASSPATH|NORVALED_DEBUG_PORT"
+        + "|KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE|(JDK)?_JAVA_OPTIONS|JAVA_TOOL_OPTIONS"));
     builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
     builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
     Process process = builder.start();
     try {
       long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
-      while (!process.waitFor(20, TimeUnit.MILLISECONDS)) {
+      while (!process.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains(IN_MAIN)) {
         // What an application says without end is not to fill the disk.
         if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
-        if (System.nanoTime() > end || read(LOG).contains(IN_MAIN)) stop(process);
+        if (System.nanoTime() > end) stop(process);
       }
-      return process.exitValue();
     } finally {
-      process.descendants().forEach(ProcessHandle::destroyForcibly);
+      List<ProcessHandle> children = process.descendants().toList();
       process.destroyForcibly().onExit().join();
+      children.forEach(ProcessHandle::destroyForcibly);
     }
+    return process.exitValue();
   }
 
   private static void stop(Process process) throws InterruptedException {
@@ -373,9 +373,9 @@ public final class Bundle implements Closeable {
   private String reason() throws IOException {
     String text = read(LOG).replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "");
     List<String> lines = (text + read("output")).lines().filter(
-        line -> !line.matches("\\s*|\\s+at .*|\t.*|.*[Ww]arning.*|.*---- .native.*")).toList();
-    Stream<String> errors = lines.stream().filter(line -> line.matches(".*(Exception|Error).*"));
-    return Stream.concat(lines.stream(), errors).reduce("it says nothing", (a, b) -> b.strip());
+        line -> !line.matches("(?i)[#\\s]*|\\s+(at |-).*|.*warning.*|.*---- .native.*")).toList();
+    Stream<String> errors = lines.stream().filter(l -> l.matches(".*(Exception|Error|SIG[A-Z]+ ).*"));
+    return Stream.concat(lines.stream(), errors).reduce("no message", (a, b) -> b.strip());
   }
 
   private Path file(String name) {
