@@ -1,4 +1,5 @@
 // tools/log on a hand-made log: its whole overview, one start in full, and what it refuses.
+#include <regex>
 #include <vector>
 
 #include "tests/bundle_fixture.h"
