@@ -94,11 +94,11 @@ measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
   -- prepared "$(launcher prepared)" hello
 
 # Debian's packages of a JDK's demos have SwingSet2, which takes a display.
-demo=$(find /usr/lib/jvm -name SwingSet2.jar | head -n 1)
-if [[ -n $demo && -n ${DISPLAY:-} ]]; then
+demo=(/usr/lib/jvm/*/demo/jfc/SwingSet2/SwingSet2.jar)
+if [[ -f ${demo[0]} && -n ${DISPLAY:-} ]]; then
   "$JAVA_HOME/bin/javac" -d "$work/classes" "$here/SwingSetStart.java"
   "$JAVA_HOME/bin/jar" --create --file "$work/start.jar" -C "$work/classes" .
-  prepare swing "$work/start.jar" "$demo"
+  prepare swing "$work/start.jar" "${demo[0]}"
   section "SwingSet2 to its window"
   measure $((rounds / 4 + 1)) 0 prepared "$(launcher swing)" \
     -- "without its archive" /usr/bin/env NORVALED_JVM_ARGS=-Xshare:off "$(launcher swing)"

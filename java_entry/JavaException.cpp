@@ -14,7 +14,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   }
   jmethodID printStackTrace = env->GetMethodID(throwableClass, "printStackTrace", "()V");
   if (printStackTrace == nullptr) {
-    // What is missing is a method; those who search logs rely on the wording.
+    // What is missing is a method; the wording is kept as it is.
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable#printStackTrace class";
     return true;
   }

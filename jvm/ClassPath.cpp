@@ -15,10 +15,8 @@ std::string collectJars(const std::string& dir) {
     LOG_RECORD(ERROR, "collectJars") << "Directory " << dir << " is missing or not accessible";
     return classPath;
   }
-  // cppcheck-suppress variableScope; out here it keeps its memory
-  std::string name;
   while (const dirent* entry = readdir(directory)) {
-    name = entry->d_name;
+    const std::string name = entry->d_name;
     if (!endsWith(name, ".jar")) continue;
     if (!classPath.empty()) classPath += CLASSPATH_SEPARATOR;
     classPath.append(dir).append(name);

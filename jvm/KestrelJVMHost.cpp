@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "jvm/ClassPath.h"
 #include "jvm/JVMOptions.h"
@@ -15,10 +14,6 @@
 #include "jvm/TuningOptions.h"
 #include "logging/Logging.h"
 #include "platform/InstallDir.h"
-
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
 
 namespace {
 
@@ -30,7 +25,7 @@ using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
 // The JVM's console output, which goes to the log alone. Returns the length of the whole text.
 int jvm_vprintf(FILE* /*stream*/, const char* format, va_list arguments) {
   char text[1024] = {};
-  // Four bytes are left zero, so that the text ends in the buffer whatever vsnprintf leaves behind.
+  // Less than the buffer holds, on purpose: its last bytes stay zero.
   const int length = vsnprintf(text, 1020, format, arguments);
   LOG_RECORD(INFO, "jvm_vprintf") << "JVM: " << text;
   return length;
@@ -82,17 +77,10 @@ void addDiagnosticsOptions(JVMOptions& options) {
   }
 }
 
-// One option per line, each behind a tab; the last line holds the tab alone.
+// One option per line, each after a tab; the last line holds the tab alone.
 std::string describe(const JVMOptions& options) {
   constexpr char NEXT_LINE[] = "\n\t";
-  std::size_t size = sizeof NEXT_LINE;
-  for (const JavaVMOption& option : options) {
-    if (option.optionString != nullptr) size += strlen(option.optionString);
-    size += sizeof NEXT_LINE;
-  }
-  std::string text;
-  text.reserve(size);  // the class path may be long
-  text = NEXT_LINE;
+  std::string text = NEXT_LINE;
   for (const JavaVMOption& option : options) {
     if (option.optionString != nullptr) text += option.optionString;
     text += NEXT_LINE;
@@ -100,17 +88,9 @@ std::string describe(const JVMOptions& options) {
   return text;
 }
 
-// The options of a JVM that was not created stay allocated, on purpose: the process is about to
-// end. The leak checker is told of just these.
-void leakOnPurpose([[maybe_unused]] const JVMOptions& options) {
-#ifdef __SANITIZE_ADDRESS__
-  for (const JavaVMOption& option : options) __lsan_ignore_object(option.optionString);
-#endif
-}
-
 }  // namespace
 
-// The path is a copy, so that the JVM thread depends on no string of the main thread's.
+// By value, on purpose, though nothing here changes the path.
 // cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
@@ -129,7 +109,7 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   addDebugPortOption(options);
   addEnvironmentOptions(options);
   addClassPathOptions(options);
-  addTuningOptions(options, computeStackSizeOpt());
+  addTuningOptions(options, computeStackSizeOpt);
   addDiagnosticsOptions(options);
   LOG_RECORD(INFO, "startJVM") << "JVM Args:" << describe(options);
 
@@ -144,11 +124,10 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   void* env = nullptr;  // not kept: the caller attaches again
   const jint code = createJavaVM(&vm, &env, &initArgs);
   if (code != JNI_OK) {
-    // It is the caller who exits, but those who search logs rely on the words, and on the empty
-    // line that the line break leaves.
+    // It is the caller who exits. The words are kept as they are, and so is the line break, which
+    // leaves an empty line.
     LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
-    leakOnPurpose(options);
-    return nullptr;
+    return nullptr;  // the strings stay allocated, on purpose: the process is about to end
   }
   for (const JavaVMOption& option : options) free(option.optionString);
   LOG_RECORD(INFO, "startJVM") << "Java Virtual Machine is created!";

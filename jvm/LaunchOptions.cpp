@@ -9,7 +9,7 @@
 
 namespace {
 
-// Whatever is no number, or none that an int can hold, counts as 0: any free port.
+// What is not a number, or not one that an int can hold, counts as 0: any free port.
 int toPort(const char* text) {
   try {
     return std::stoi(text);
@@ -36,17 +36,18 @@ void addDebugPortOption(JVMOptions& options) {
   if (value == nullptr || *value == '\0') return;
 
   const int port = toPort(value);
+  std::string agent = "-agentlib:jdwp=transport=dt_socket,server=y,";
   if (port == 0) {
+    agent += "suspend=n,address=*:0";
     LOG_RECORD(INFO, "startJVM") << "Enabling JDWP with suspend=n on any available port";
-    addOption(options, "-agentlib:jdwp=transport=dt_socket,server=y,suspend=n,address=*:0");
-    return;
+  } else {
+    // The process waits for a debugger once; one that inherits the environment must not wait again
+    // on the same port.
+    setenv("NORVALED_DEBUG_PORT", "0", 1);
+    agent += "suspend=y,address=*:" + std::to_string(port);
+    LOG_RECORD(INFO, "startJVM") << "Enabling JDWP with suspend=y on port " << port;
   }
-  // The process waits for a debugger once; one that inherits the environment must not wait again on
-  // the same port.
-  setenv("NORVALED_DEBUG_PORT", "0", 1);
-  LOG_RECORD(INFO, "startJVM") << "Enabling JDWP with suspend=y on port " << port;
-  addOption(options, "-agentlib:jdwp=transport=dt_socket,server=y,suspend=y,address=*:" +
-                         std::to_string(port));
+  addOption(options, agent);
 }
 
 void addEnvironmentOptions(JVMOptions& options) {

@@ -6,8 +6,8 @@
 //   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0..."  RECLAIM, with every collector
 //   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set    the pause goal, with every collector
 //
-// The first character alone decides, never a word: "false" leaves a switch on, "true" leaves it
-// off, as start scripts have come to rely on.
+// The first character alone decides, never a word, on purpose: "false" leaves a switch on, "true"
+// leaves it off.
 #include "jvm/TuningOptions.h"
 
 #include <cstdlib>
@@ -55,8 +55,7 @@ constexpr OptionGroup RECLAIM = {
     "-XX:-ShrinkHeapInSteps",
 };
 
-bool isOn(const char* variable, bool byDefault) {
-  const char* value = std::getenv(variable);
+bool isOn(const char* value, bool byDefault) {
   if (value == nullptr) return byDefault;
   return byDefault ? value[0] != '0' : value[0] == '1';
 }
@@ -66,11 +65,11 @@ void addGroup(JVMOptions& options, OptionGroup group) {
 }
 
 void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
-  const bool forceSerial = isOn("KESTREL_GC_FORCE_SERIAL_GC", false);
-  const bool forceParallel = isOn("KESTREL_GC_FORCE_PARALLEL_GC", false);
-  if (forceSerial) {
+  const char* forceSerial = std::getenv("KESTREL_GC_FORCE_SERIAL_GC");
+  const char* forceParallel = std::getenv("KESTREL_GC_FORCE_PARALLEL_GC");
+  if (isOn(forceSerial, false)) {
     addGroup(options, SERIAL_GC);
-  } else if (forceParallel) {
+  } else if (isOn(forceParallel, false)) {
     addGroup(options, PARALLEL_GC);
   } else {
     addGroup(options, G1_GC);
@@ -80,18 +79,18 @@ void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
 
 }  // namespace
 
-void addTuningOptions(JVMOptions& options, const std::string& stackSizeOption) {
+void addTuningOptions(JVMOptions& options, std::string (*stackSizeOption)()) {
   addGroup(options, DESKTOP);
   options.insert(options.begin(), makeOpt(to_c_str(MAX_HEAP)));
   addOption(options, INITIAL_HEAP);
-  addOption(options, stackSizeOption);
+  addOption(options, stackSizeOption());
   addGroup(options, BASE);
 
-  const bool aggressiveOptimizations = isOn("KESTREL_AGGRESSIVE_OPTIMIZATIONS", true);
+  const bool aggressiveOptimizations = isOn(std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS"), true);
   if (aggressiveOptimizations) addGroup(options, COMPILER_AND_METADATA);
   addGroup(options, RENDERING);
   addCollector(options, aggressiveOptimizations);
-  if (isOn("KESTREL_GC_AGGRESSIVE_RECLAIM", true)) addGroup(options, RECLAIM);
+  if (isOn(std::getenv("KESTREL_GC_AGGRESSIVE_RECLAIM"), true)) addGroup(options, RECLAIM);
 
   // Handed on as found: the JVM itself refuses what it cannot read.
   const char* maxPause = std::getenv("KESTREL_GC_MAX_PAUSE_MILLIS");

@@ -7,8 +7,8 @@
 #include "jvm/JVMOptions.h"
 
 // Adds the policy to `options`: the heap ceiling at the front, so that one from the user's sources
-// comes later and wins, all the rest at the end. `stackSizeOption` is the thread stack size's.
+// comes later and wins, all the rest at the end. `stackSizeOption` makes the thread stack size's.
 // Reads each of its environment switches once.
-void addTuningOptions(JVMOptions& options, const std::string& stackSizeOption);
+void addTuningOptions(JVMOptions& options, std::string (*stackSizeOption)());
 
 #endif  // KESTREL_JVM_TUNING_OPTIONS_H_

@@ -1,6 +1,5 @@
-// The main thread's run loop, which the Java side's user-interface toolkit needs once the Java
-// entry has returned and the process goes on. This launcher ends with the entry and does not run
-// it.
+// The main thread's run loop, which this launcher never enters: the process ends with the Java
+// entry's call.
 #ifndef KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 #define KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 

@@ -21,8 +21,7 @@ bool logsDirInitialized = false;
 bool isFileLoggingEnabled = false;
 bool isConsoleLoggingEnabled = false;
 
-// Records being emitted at this moment. Debugger scripts and those who read core files know the
-// counter by this name, its first word included.
+// Records being emitted at this moment. The name's first word stays as it is, on purpose.
 std::atomic<std::int32_t> massage_handler_logging{0};
 
 // The only level text there is, whatever the record's level.
@@ -35,17 +34,16 @@ constexpr char BANNER[] =
 std::string format_log_message(const std::string& message) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
-  tzset();  // localtime_r alone may stay with the zone of the first line; laptops travel
+  tzset();  // localtime_r alone may stay with the zone of the first line
   localtime_r(&now, &local);
   char timeText[100];
   const std::size_t length = std::strftime(timeText, sizeof timeText, "%F %T", &local);
-  // Not milliseconds: the last three digits of the epoch second, which those who read logs take to
-  // find the lines of one second.
+  // Not milliseconds but the last three digits of the epoch second, on purpose.
   std::snprintf(timeText + length, sizeof timeText - length, ".%03d",
                 static_cast<std::int32_t>(now) % 1000);
 
   std::string line;
-  line.reserve(sizeof logPrefix + sizeof timeText + sizeof LINE_TAG + message.size());
+  line.reserve(sizeof timeText + sizeof LINE_TAG + message.size());
   line.append(logPrefix).append(timeText).append(LINE_TAG).append(message).append("\n");
   return line;
 }
@@ -85,7 +83,7 @@ void logMessage(const std::string& message) {
 // By the whole file type, unlike platform's isDirectory(): what only shares a directory's bit
 // cannot hold a log.
 bool isExistingDirectory(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -114,7 +112,6 @@ DumpLoggerBuilder& DumpLoggerBuilder::operator<<(const char* text) {
 }
 
 DumpLoggerBuilder& DumpLoggerBuilder::operator<<(const std::string& text) {
-  text_.reserve(text_.size() + 1 + text.size());
   text_.append(1, ' ').append(text);
   return *this;
 }
@@ -140,13 +137,12 @@ void initialize_logging(bool console) {
     reportFatalAndExit("Invalid or inaccessible log directory: " + directory, 1, false);
   }
   std::snprintf(logsDir, sizeof logsDir, "%s", directory.c_str());
-  const std::string file = directory + "/kestrel-native.log";
-  std::snprintf(logFile, sizeof logFile, "%s", file.c_str());
+  std::snprintf(logFile, sizeof logFile, "%s", (directory + "/kestrel-native.log").c_str());
   logsDirInitialized = true;
 
   isFileLoggingEnabled = write_message_to_file(BANNER);
   if (!isFileLoggingEnabled) {
-    reportFatalAndExit("Failed to open log file for writing: " + file, 1, true);
+    reportFatalAndExit(std::string("Failed to open log file for writing: ") + logFile, 1, true);
   }
 }
 

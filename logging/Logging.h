@@ -16,17 +16,16 @@
 // dropped without trace. No exception leaves the destructor: one raised inside ends the process.
 class DumpLoggerBuilder {
  public:
-  // Every record is emitted and shown as INFO whatever its level, which is dropped on purpose:
-  // levels are for the reader of the code.
+  // Every record is emitted and shown as INFO whatever its level, which is dropped on purpose.
   enum LOG_LEVEL { DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
-  explicit DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
+  DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
   DumpLoggerBuilder(const DumpLoggerBuilder&) = delete;
   DumpLoggerBuilder& operator=(const DumpLoggerBuilder&) = delete;
   ~DumpLoggerBuilder();
 
   // Each appends one blank, then the piece. Pieces with blanks of their own at an end thus show
-  // two in a row, which those who search logs rely on.
+  // two in a row, on purpose.
   DumpLoggerBuilder& operator<<(const char* text);
   DumpLoggerBuilder& operator<<(const std::string& text);
   DumpLoggerBuilder& operator<<(int value);
@@ -44,8 +43,8 @@ class DumpLoggerBuilder {
   (DumpLoggerBuilder(DumpLoggerBuilder::level) << (function)).nop()
 
 // Logs `message` at ERROR, then ends the process with exit(exitCode): exit handlers run. It may be
-// called from any thread. The third parameter, false where the log directory is no good, has no
-// effect: every end is the same, and callers still say which it is.
+// called from any thread. The third parameter, false where the log directory cannot be used, has
+// no effect, on purpose.
 [[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool);
 
 // Sets up the native log and appends the start banner. Called once, before any other thread

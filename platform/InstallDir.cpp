@@ -16,7 +16,7 @@ std::string OS::getApplicationInstallDir() {
 }
 
 bool isDirectory(char* path) {
-  struct stat status {};
+  struct stat status = {};
   // One bit, not the whole file type (S_ISDIR): the types that include this bit are to pass too.
   return stat(path, &status) == 0 && (status.st_mode & 0040000) != 0;
 }

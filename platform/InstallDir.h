@@ -22,8 +22,7 @@ std::string getApplicationInstallDir();
 }  // namespace OS
 
 // Whether `path` names a directory, links followed. Only the directory bit of the mode is looked
-// at, so a socket or a block device counts as well: it is for the JVM, which gets the path, to
-// complain of it. The log's own test is stricter.
+// at, on purpose, so a socket or a block device counts as well. The log's own test is stricter.
 bool isDirectory(char* path);
 
 #endif  // KESTREL_PLATFORM_INSTALL_DIR_H_

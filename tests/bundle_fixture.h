@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -29,15 +28,18 @@ inline std::string replaced(std::string text, const std::string& from, const std
 
 struct Start {
   int status;          // as a shell tells it
-  std::string pid;     // the launcher's, if the line ends with `exec $K`
-  std::string output;  // on both standard output and standard error
-  std::string log;     // see BundleFixture::readable()
+  std::string output;  // standard output and standard error
+  std::string log;
 };
 
 class BundleFixture : public testing::Test {
  protected:
   BundleFixture() {
-    clearEnvironment();
+    const char* path = std::getenv("PATH");
+    const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+    environ[0] = nullptr;
+    setenv("PATH", path, 1);
+    if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
     }
@@ -51,34 +53,31 @@ class BundleFixture : public testing::Test {
 
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
-  // Runs a line of /bin/sh, which has $ROOT and the launcher, $K, and expects its exit status. What
-  // earlier starts have logged is gone.
+  // Runs a line of /bin/sh that ends with `exec $K`, the launcher, and expects its exit status.
+  // $ROOT is the folder of it all. Earlier starts' log is gone.
   Start start(const std::string& line, int status = 0) {
     std::filesystem::remove(log);
-    const std::string script = "exec >$ROOT/output 2>&1\necho $$ >$ROOT/pid\n" + line;
-    const int ended = std::system(script.c_str());
-    Start start;
-    start.status = WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended);
-    std::ifstream(root + "/pid") >> start.pid;
-    start.output = contentOf(root + "/output");
-    start.log = readable(contentOf(log), start.pid);
+    const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
+    const std::string output = contentOf(root + "/output");
+    const std::string pid = output.substr(0, output.find('\n'));
+    const Start start = {WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended),
+                         readable(output.substr(pid.size() + 1), pid),
+                         readable(contentOf(log), pid)};
     EXPECT_EQ(start.status, status) << line << "\n" << start.output << start.log;
     return start;
   }
 
-  // A log from its last banner on: without the head of each record, which `pid` has written, and
-  // with names, as docs/options.md has them, in the place of what varies.
+  // A text with names, as docs/options.md has them, in the place of what varies. Of a log what
+  // comes after the last banner, without the head of each record that the process `pid` has
+  // written.
   [[nodiscard]] std::string readable(std::string text, const std::string& pid) const {
     const std::string banner = "Logger initialized\n";
     const std::size_t begin = text.rfind(banner);
     if (begin != std::string::npos) text.erase(0, begin + banner.size());
     const std::regex head(VERSION " " + pid + R"( [-\d]+ [:.\d]+ INFO   ---- \(native\) {17})");
     text = std::regex_replace(text, head, "");
-    text = replaced(text, bin, "<install>");
-    text = replaced(text, logs, "<logs>");
-    text = replaced(text, root, "<root>");
-    text = replaced(text, "-" + pid + ".", "-<pid>.");
-    return replaced(text, VERSION, "<version>");
+    text = replaced(replaced(text, bin, "<install>"), logs, "<logs>");
+    return replaced(replaced(text, "-" + pid + ".", "-<pid>."), VERSION, "<version>");
   }
 
   const std::string root = [] {
@@ -92,17 +91,6 @@ class BundleFixture : public testing::Test {
   const std::string runtime = contents + "/jre/Contents/Home/lib";
   const std::string logs = root + "/logs";
   const std::string log = logs + "/kestrel-native.log";
-
- private:
-  // Leaves what finds commands, and what a caller has to set for his machine.
-  static void clearEnvironment() {
-    std::map<std::string, std::string> kept;
-    for (const char* name : {"PATH", "KESTREL_AGGRESSIVE_OPTIMIZATIONS"}) {
-      if (const char* value = std::getenv(name)) kept[name] = value;
-    }
-    environ[0] = nullptr;
-    for (const auto& [name, value] : kept) setenv(name.c_str(), value.c_str(), 1);
-  }
 };
 
 #endif  // KESTREL_TESTS_BUNDLE_FIXTURE_H_

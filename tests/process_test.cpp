@@ -1,27 +1,22 @@
 // Starts of the launcher: command line, environment and bundle in; the log, the JVM's calls, output
 // and exit status out.
-#include <algorithm>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/bundle_fixture.h"
 
 namespace fs = std::filesystem;
-using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::Not, testing::StartsWith;
+using testing::AllOf, testing::ContainsRegex, testing::EndsWith, testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
 struct Launcher : BundleFixture {};
 
-// From the first `words` on.
-std::string from(const std::string& text, const std::string& words) {
-  const std::size_t begin = text.find(words);
-  return begin == std::string::npos ? text : text.substr(begin);
-}
-
 // Up to the end of the first `words`.
 std::string upTo(const std::string& text, const std::string& words) {
-  const std::size_t begin = text.find(words);
-  return begin == std::string::npos ? text : text.substr(0, begin + words.size());
+  return text.substr(0, text.find(words) + words.size());
 }
 
 TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
@@ -30,12 +25,7 @@ TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
 > FindClass(com/norvale/app/daemon/entry/NativeLauncher)
 > GetStaticMethodID(main([Ljava/lang/String;)V)
 > FindClass(java/lang/String)
-> NewObjectArray(2)
-> NewStringUTF(<install>/kestrel)
-> SetObjectArrayElement(0)
-> NewStringUTF(two words)
-> SetObjectArrayElement(1)
-> CallStaticIntMethod
+> CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]
 > ExceptionOccurred
  operator() JVM main ended
  operator() JVM started successfully
@@ -47,269 +37,196 @@ TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
 > DeleteLocalRef
 > ExceptionClear
 )";
-  const std::string classMissing = " callMainMethod Failed to find  NativeLauncher  class\n";
-  const std::string mainThrew = " callMainMethod Method ' main ' failed with exception!\n";
-  struct Row {
-    std::string script;
-    int status;
-    std::string lastAsInSuccess;  // the last line that is the same
-    std::string then;
-  };
-  const std::vector<Row> rows = {
-      {"status=0", 0, "started successfully\n", ""},
-      {"status=1", 0, "main ended\n", " operator() JVM exit after startup is set, exiting\n"},
-      {"status=-1", 255, "main ended\n", ""},
-      {"status=7", 7, "ExceptionOccurred\n", ""},
-      {"attach=-5", 103, "AttachCurrentThread\n",
-       " callMainMethod Failed to attach native thread to JVM\n"},
-      {"NativeLauncher=throws", 104, "/NativeLauncher)\n",
-       classMissing + printing +
+  const std::string find = "> FindClass(com/norvale/app/daemon/entry/NativeLauncher)\n";
+  const std::string missing = " callMainMethod Failed to find  NativeLauncher  class\n";
+  const std::string call = "> CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]\n";
+  const std::string threw = " callMainMethod Method ' main ' failed with exception!\n";
+  // Script, status, and what takes the place of the success from the first line of its own on.
+  const std::vector<std::tuple<std::string, int, std::string>> rows = {
+      {"SCRIPT_status=0", 0, success},
+      {"SCRIPT_status=1", 0,
+       " operator() JVM main ended\n operator() JVM exit after startup is set, exiting\n"},
+      {"SCRIPT_status=-1", 255, " operator() JVM main ended\n"},
+      {"SCRIPT_status=7", 7, "> ExceptionOccurred\n"},
+      {"SCRIPT_attach=-5", 103,
+       "> AttachCurrentThread\n callMainMethod Failed to attach native thread to JVM\n"},
+      {"SCRIPT_NativeLauncher=throws", 104,
+       find + missing + printing +
            " callMainMethod Finding  NativeLauncher  class failed with exception!\n"},
-      {"NativeLauncher=missing", 105, "/NativeLauncher)\n", classMissing + "> ExceptionOccurred\n"},
-      {"main=throws", 106, ")V)\n",
+      {"SCRIPT_NativeLauncher=missing", 105, find + missing + "> ExceptionOccurred\n"},
+      {"SCRIPT_main=throws", 106,
+       "> GetStaticMethodID(main([Ljava/lang/String;)V)\n"
        " callMainMethod Failed to find method ' main ' on  NativeLauncher\n"},
-      {"status=2 call=throws", 107, "CallStaticIntMethod\n",
-       " callMainMethod Failed to invoke method ' main ' on the  NativeLauncher\n"},
-      {"call=throws", 108, "CallStaticIntMethod\n", printing + mainThrew},
-      {"call=throws Throwable=missing", 108, "CallStaticIntMethod\n",
-       upTo(printing, "Throwable)\n") + " checkFailureAndLog Failed to find Throwable class\n" +
-           mainThrew},
-      {"call=throws printStackTrace=missing", 108, "CallStaticIntMethod\n",
-       upTo(printing, ")V)\n") +
-           " checkFailureAndLog Failed to find Throwable#printStackTrace class\n" + mainThrew},
+      {"SCRIPT_status=2 SCRIPT_call=throws", 107,
+       call + " callMainMethod Failed to invoke method ' main ' on the  NativeLauncher\n"},
+      {"SCRIPT_call=throws", 108, call + printing + threw},
+      {"SCRIPT_call=throws SCRIPT_Throwable=missing", 108,
+       call + "> ExceptionOccurred\n> FindClass(java/lang/Throwable)\n" +
+           " checkFailureAndLog Failed to find Throwable class\n" + threw},
+      {"SCRIPT_call=throws SCRIPT_printStackTrace=missing", 108,
+       call + upTo(printing, "()V)\n") +
+           " checkFailureAndLog Failed to find Throwable#printStackTrace class\n" + threw},
   };
-  for (const Row& row : rows) {
-    std::string expected = upTo(success, row.lastAsInSuccess) + row.then;
-    if (row.status >= 2 && row.status != 255) {
+  for (const auto& [script, status, end] : rows) {
+    std::string expected = success.substr(0, success.find(upTo(end, "\n"))) + end;
+    if (status >= 2 && status < 255) {
       expected += R"( operator() JVM main ended
  reportFatalAndExit Failed to initialize Kestrel JVM application: )" +
-                  std::to_string(row.status) + "\n";
+                  std::to_string(status) + "\n";
     }
-    const Start ended = start("SCRIPTED_JVM='" + row.script + "' exec $K 'two words'", row.status);
-    EXPECT_EQ(from(ended.log, " operator() JVM calling main"), expected) << row.script;
+    const Start ended = start(script + " exec $K 'a  b' '' größe", status);
+    EXPECT_THAT(ended.log, StartsWith(" run Program arguments:  a  b  größe \n"));
+    EXPECT_EQ(ended.log.substr(ended.log.find(upTo(success, "\n"))), expected) << script;
   }
 }
 
 TEST_F(Launcher, EndsWith53WithoutJvm) {
-  const std::string begin =
-      " run Program arguments:  \n"
-      R"( resolveJNICreateFunction Loading JLI )"
-      R"(library from <install>/../jre/Contents/Home/lib/libjli.dylib
-)";
-  const std::string noFunction = R"( startJVM Failed to locate exported function to start VM
- reportFatalAndExit Failed to start JVM
-)";
-  EXPECT_THAT(start("SCRIPTED_JVM=create=-1 exec $K", 53).log,
-              EndsWith(R"( startJVM Error creating VM: code= -1 . Exiting...
-
- reportFatalAndExit Failed to start JVM
-)"));
-  fs::remove(runtime + "/libjli.dylib");
   const std::string path = "<install>/../jre/Contents/Home/lib/libjli.dylib";
+  const std::string loading = " resolveJNICreateFunction Loading JLI library from " + path + "\n";
+  const std::string end = R"( startJVM Failed to locate exported function to start VM
+ reportFatalAndExit Failed to start JVM
+)";
+  fs::remove(runtime + "/libjli.dylib");
+  const std::string reason = " resolveJNICreateFunction Cannot load  " + path + " :  " + path;
   EXPECT_THAT(
       start("exec $K", 53).log,
-      AllOf(StartsWith(begin + " resolveJNICreateFunction Cannot load  " + path + " :  " + path),
-            EndsWith("\n" + noFunction)));
+      AllOf(StartsWith(" run Program arguments:  \n" + loading + reason), EndsWith("\n" + end)));
   fs::create_symlink(LIBRARY_WITHOUT_JVM, runtime + "/libjli.dylib");
-  EXPECT_EQ(start("exec $K", 53).log, begin + noFunction);
+  EXPECT_EQ(start("exec $K", 53).log, " run Program arguments:  \n" + loading + end);
 }
 
-const char* const OPTIONS_DOCUMENT = PROJECT_FOLDER "/docs/options.md";
-
-// The options of the document's table, in its order, without the rows in which `gone` is found.
-std::vector<std::string> documentedOptions(const std::string& gone) {
-  std::ifstream document(OPTIONS_DOCUMENT);
-  std::vector<std::string> options;
+// The options in the document's table, but for the rows in which `gone` is found; each on a line.
+std::string documentedOptions(const std::string& gone) {
+  std::ifstream document(PROJECT_FOLDER "/docs/options.md");
+  std::string options = "\n\t";
   std::string row;
   while (std::getline(document, row) && !row.starts_with("| option |")) continue;
   while (std::getline(document, row) && row.starts_with("|")) {
-    const bool isOption = row.starts_with("| `") && !std::regex_search(row, std::regex(gone));
-    if (isOption) options.push_back(row.substr(3, row.find('`', 3) - 3));
+    const bool isGone = std::regex_search(row, std::regex(gone));
+    if (row.starts_with("| `") && !isGone) options += row.substr(3, row.find('`', 3) - 3) + "\n\t";
   }
   return options;
 }
 
+struct OptionRow {
+  std::string environment;
+  std::string gone{};     // rows of the table
+  std::string option{};   // as in the table
+  std::string changed{};  // as in this environment
+  std::string records{};
+  std::string port{};  // in the environment afterwards
+};
+
 TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
-  std::ofstream(lib + "/app.jar").close();
-  fs::create_directory_symlink(root, root + "/link");
-  struct Row {
-    std::string environment;
-    std::string gone;
-    std::string option;  // in the table
-    std::string changed;
-  };
-  const std::string optimize = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=";
-  const std::string reclaim = "KESTREL_GC_AGGRESSIVE_RECLAIM=";
-  const std::string serial = "KESTREL_GC_FORCE_SERIAL_GC=";
-  const std::string parallel = "KESTREL_GC_FORCE_PARALLEL_GC=";
-  const std::string goneWith = "gone with `";
-  const std::string pause = "KESTREL_GC_MAX_PAUSE_MILLIS=";
-  const std::vector<Row> rows = {
-      {optimize + "false " + serial + " " + parallel + "true " + reclaim, "", "G1", "G1"},
-      {optimize + " " + serial + "true " + parallel + " " + reclaim + "no " + pause + "abc", "",
-       "Millis=100", "Millis=abc"},
-      {optimize + "0ff " + reclaim + "0abc " + pause,
-       "|" + goneWith + "(" + optimize + "|" + reclaim + ")", "Millis=100", "Millis="},
-      {serial + "10 " + parallel + "1", "|G1 only|" + goneWith + serial, "G1", "Serial"},
-      {serial + "0 " + parallel + "10", "|G1 only", "G1", "Parallel"},
-      {serial + "1 " + optimize + "0", "|G1 only|" + goneWith + "(" + optimize + "|" + serial + ")",
-       "G1", "Serial"},
-      {"TMPDIR=$ROOT/link/", "", "<TMPDIR>", "<root>/link/"},
-      {"TMPDIR=$ROOT/missing", "", "G1", "G1"},
-  };
-  for (const Row& row : rows) {
-    std::string listed;
-    std::string given;
-    for (std::string option : documentedOptions("only with `NORVALED" + row.gone)) {
-      option = replaced(option, row.option, row.changed);
-      if (option.ends_with("<TMPDIR>")) continue;  // it is not set, or names no directory
-      option = replaced(replaced(option, "<jars>", "<install>/../lib/app.jar"), "<size>", "384");
-      listed += "\n\t" + option;
-      given += (option.starts_with("-") ? "> option " : "> hook ") + option + "\n";
-    }
-    const std::string expected =
-        " run Program arguments:  \n"
-        R"( resolveJNICreateFunction Loading JLI library from )"
-        R"(<install>/../jre/Contents/Home/lib/libjli.dylib
- startJVM Using class path:  <install>/../lib/app.jar
- startJVM JVM Args: )" +
-        listed + "\n\t" + R"(
- startJVM Starting JVM
-> CreateJavaVM
-)" + given +
-        " startJVM Java Virtual Machine is created!\n";
-    const Start started =
-        start("unset " + replaced(optimize, "=", "; ") + row.environment + " exec $K");
-    EXPECT_EQ(upTo(started.log, "is created!\n"), expected)
-        << "the JVM's options differ from " << OPTIONS_DOCUMENT << " with " << row.environment;
-  }
-}
-
-TEST_F(Launcher, PutsTheUsersOptionsFirst) {
-  const std::string agent = "> option -agentlib:jdwp=transport=dt_socket,server=y,suspend=";
-  const std::string enabling = " startJVM Enabling JDWP with suspend=";
-  struct Row {
-    std::string port;
-    std::string portAfterwards;
-    std::string record;
-    std::string option;
-  };
-  const std::string anyRecord = enabling + "n on any available port\n";
-  const std::string anyOption = agent + "n,address=*:0\n";
-  const std::vector<Row> rows = {
-      {"5005x", "0", enabling + "y on port  5005\n", agent + "y,address=*:5005\n"},
-      {"-5", "0", enabling + "y on port  -5\n", agent + "y,address=*:-5\n"},
-      {"0", "0", anyRecord, anyOption},
-      {" ", " ", anyRecord, anyOption},
-      {"99999999999", "99999999999", anyRecord, anyOption},
-      {"", "", "", ""},
-  };
-  for (const Row& row : rows) {
-    const Start started = start(
-        "SCRIPTED_JVM_MAIN='echo \"$NORVALED_DEBUG_PORT.\"' "
-        "NORVALED_JVM_ARGS= NORVALED_DEBUG_PORT='" +
-        row.port + "' exec $K");
-    EXPECT_EQ(started.output, row.portAfterwards + ".\n") << row.port;
-    EXPECT_THAT(started.log,
-                HasSubstr("libjli.dylib\n" + row.record + " startJVM Using class path:"));
-    EXPECT_THAT(started.log,
-                HasSubstr("\n> option -Xmx160m\n" + row.option + "> option -Dkestrel."));
-  }
-  const std::string arguments = " -Db=2\t-Xms64m \v\f\r";
-  const Start started =
-      start("NORVALED_DEBUG_PORT=0 NORVALED_JVM_ARGS='" + arguments + "' exec $K");
-  EXPECT_THAT(started.log,
-              HasSubstr(anyRecord + " startJVM Adding JVM args from NORVALED_JVM_ARGS:  " +
-                        arguments + "\n startJVM Using class path:"));
-  EXPECT_THAT(started.log, HasSubstr("\n> option -Xmx160m\n" + anyOption +
-                                     "> option -Db=2\n> option -Xms64m\n> option -Dkestrel."));
-}
-
-TEST_F(Launcher, HandsOnItsCommandLineAndFindsItsFiles) {
-  struct Row {
-    std::string line;
-    std::string program;
-    std::string installDir;
-  };
-  const std::vector<Row> rows = {
-      {"cd /; exec $K", "<install>/kestrel", "<install>"},
-      {"cd $ROOT/Kestrel.app/Contents; exec MacOS/kestrel", "MacOS/kestrel", "MacOS"},
-  };
-  for (const Row& row : rows) {
-    const Start started = start(row.line + " 'a  b' '' größe");
-    EXPECT_THAT(started.log, StartsWith(" run Program arguments:  a  b  größe \n"));
-    EXPECT_THAT(started.log, HasSubstr(" library from " + row.installDir + "/../jre/Contents/"));
-    EXPECT_THAT(started.log, HasSubstr("\n> option -Duser.dir=" + row.installDir + "\n"));
-    EXPECT_THAT(started.log, HasSubstr("> NewStringUTF(" + row.program + R"()
-> SetObjectArrayElement(0)
-> NewStringUTF(a  b)
-> SetObjectArrayElement(1)
-> NewStringUTF()
-> SetObjectArrayElement(2)
-> NewStringUTF(größe)
-> SetObjectArrayElement(3)
-)"));
-  }
-  // A bare name's bundle is looked for under the root.
-  EXPECT_THAT(start("cd ${K%/*}; PATH=. exec kestrel", 53).log,
-              HasSubstr(" library from /../jre/Contents/"));
-  // The override moves runtime and jars with it, and nobody checks it.
-  EXPECT_THAT(start("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $K", 53).log,
-              HasSubstr(" library from none/../jre/Contents/Home/lib/libjli.dylib\n"));
-}
-
-TEST_F(Launcher, ListsTheJarsOfItsLibraryDirectory) {
-  const std::string record = "\n startJVM Using class path:  ";
-  const std::string option = "\n> option -Djava.class.path=";
-  EXPECT_THAT(start("exec $K").log, HasSubstr("libjli.dylib" + record + "\n"));  // is no fault
-
-  for (const char* name : {"b.jar", "a.jar", "notes.txt", "A.JAR", ".jar"}) {
+  for (const char* name : {"b.jar", "a.jar", "ajar", "A.JAR", ".jar"}) {
     std::ofstream(lib + "/" + name).close();
   }
   fs::create_directory(lib + "/folder.jar");
+  fs::create_directory_symlink(root, root + "/link");
   std::string jars;
   for (const fs::directory_entry& entry : fs::directory_iterator(lib)) {  // in its own order
     const std::string name = entry.path().filename();
-    if (name.ends_with(".jar")) jars += ":<install>/../lib/" + name;
+    if (name.ends_with(".jar")) jars += (jars.empty() ? "" : ":") + ("<install>/../lib/" + name);
   }
-  jars.erase(0, 1);
-  const Start started = start("exec $K");
-  EXPECT_THAT(started.log, HasSubstr(record + replaced(jars, ":", "\n") + "\n startJVM JVM Args:"));
-  EXPECT_THAT(started.log, HasSubstr(option + jars + "\n"));
+  const std::string agent = "<y or n>,address=*:<port>";
+  const std::string any = " startJVM Enabling JDWP with suspend=n on any available port\n";
+  const std::string wait = " startJVM Enabling JDWP with suspend=y on port  ";
+  const std::string words = " -Db=2\t-Xms64m \v\f\r";
+  const std::vector<OptionRow> rows = {
+      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS=false KESTREL_GC_FORCE_SERIAL_GC= "
+       "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM="},
+      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS= KESTREL_GC_FORCE_SERIAL_GC=true "
+       "KESTREL_GC_AGGRESSIVE_RECLAIM=no KESTREL_GC_MAX_PAUSE_MILLIS=abc",
+       "", "Millis=100", "Millis=abc"},
+      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS=0ff KESTREL_GC_AGGRESSIVE_RECLAIM=0abc "
+       "KESTREL_GC_FORCE_PARALLEL_GC= KESTREL_GC_MAX_PAUSE_MILLIS=",
+       "|gone with .*(OPTIMIZATIONS|RECLAIM)", "Millis=100", "Millis="},
+      {"KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1",
+       "|G1 only|gone with .*SERIAL", "G1", "Serial"},
+      {"KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10", "|G1 only", "G1",
+       "Parallel"},
+      {"KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0",
+       "|G1 only|gone with .*(SERIAL|OPTIMIZATIONS)", "G1", "Serial"},
+      {"TMPDIR=$ROOT/link/", "", "<TMPDIR>", root + "/link/"},
+      {"TMPDIR=$ROOT/missing"},
+      {"NORVALED_DEBUG_PORT= NORVALED_JVM_ARGS="},
+      {"NORVALED_DEBUG_PORT=5005x", "", agent, "y,address=*:5005", wait + "5005\n", "0"},
+      {"NORVALED_DEBUG_PORT=-5", "", agent, "y,address=*:-5", wait + "-5\n", "0"},
+      {"NORVALED_DEBUG_PORT=' '", "", agent, "n,address=*:0", any, " "},
+      {"NORVALED_DEBUG_PORT=99999999999", "", agent, "n,address=*:0", any, "99999999999"},
+      {"NORVALED_DEBUG_PORT=0 NORVALED_JVM_ARGS='" + words + "'", "", agent,
+       "n,address=*:0\n\t-Db=2\n\t-Xms64m",
+       any + " startJVM Adding JVM args from NORVALED_JVM_ARGS:  " + words + "\n", "0"},
+  };
+  for (const OptionRow& row : rows) {
+    std::string options = documentedOptions("none of the table's rows" + row.gone);
+    if (!row.option.empty()) options = replaced(options, row.option, row.changed);
+    options = std::regex_replace(options, std::regex("-[^\n]*<(TMPDIR|port)>\n\t"), "");  // not set
+    options = replaced(replaced(options, "<jars>", jars), "<size>", "384");
+    std::string expected = R"( resolveJNICreateFunction Loading JLI library from <library>
+<records> startJVM Using class path:  <jars>
+ startJVM JVM Args: <options>
+ startJVM Starting JVM
+> CreateJavaVM<options>
+ startJVM Java Virtual Machine is created!
+)";
+    expected = replaced(expected, "<library>", "<install>/../jre/Contents/Home/lib/libjli.dylib");
+    expected = replaced(expected, "<records>", row.records);
+    expected = replaced(expected, "<jars>", replaced(jars, ":", "\n"));
+    expected = " run Program arguments:  \n" + replaced(expected, "<options>", options);
+    const Start started =
+        start("unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " + row.environment + " exec $K");
+    EXPECT_EQ(upTo(started.log, "is created!\n"), expected)
+        << "docs/options.md and the JVM differ with " << row.environment;
+    EXPECT_EQ(started.output, row.port) << row.environment;
+  }
+}
 
-  fs::remove_all(lib);
+TEST_F(Launcher, FindsItsFilesFromTheNameItIsStartedBy) {
+  const std::string noJars = "\n startJVM Using class path:  \n";
+  EXPECT_THAT(start("cd ${K%/*/*}; exec MacOS/kestrel").log,
+              AllOf(HasSubstr(" from MacOS/../jre/Contents/Home/lib/libjli.dylib" + noJars),
+                    HasSubstr("\n\t-Duser.dir=MacOS\n"),
+                    HasSubstr("> CallStaticIntMethod [MacOS/kestrel]\n")));
+  // A bare name's bundle is looked for under the root.
+  EXPECT_THAT(start("cd ${K%/*}; PATH=. exec kestrel", 53).log,
+              HasSubstr(" from /../jre/Contents/"));
+  // The override moves runtime and jars with it, and nobody checks it.
+  EXPECT_THAT(start("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $K", 53).log,
+              HasSubstr(" from none/../jre/Contents/Home/lib/libjli.dylib\n"));
+  fs::remove(lib);
+  const std::string missing = "<install>/../lib/  is missing or not accessible";
   EXPECT_THAT(start("exec $K").log,
-              AllOf(HasSubstr("\n collectJars Directory  <install>/../lib/  is missing or not "
-                              "accessible" +
-                              record + "\n"),
-                    HasSubstr(option + "\n")));
+              AllOf(HasSubstr("\n collectJars Directory  " + missing + noJars),
+                    HasSubstr("\n\t-Djava.class.path=\n")));
 }
 
 TEST_F(Launcher, LogsWhereTheEnvironmentSays) {
   const std::string unset = "unset KESTREL_NATIVE_LOG_DIR_OVERRIDE; ";
   const std::string chosen = "KESTREL_NATIVE_LOG_DIR_OVERRIDE=";
-  const std::vector<std::pair<std::string, std::string>> usable = {
+  const std::vector<std::pair<std::string, std::string>> rows = {
       {chosen + "$ROOT/new/deep TEST_TMPDIR=$ROOT/t", "new/deep"},
       {chosen + "$ROOT/at//its/end/", "at/its/end"},
       {unset + "TEST_TMPDIR=$ROOT/t HOME=$ROOT", "t/nativeLogs"},
       {unset + "HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
+      // None of these can be used.
+      {unset, ""},
+      {chosen + " TEST_TMPDIR=$ROOT/other", ""},
+      {chosen + "relative", ""},
+      {chosen + "$K", ""},
+      {chosen + "$K/below", ""},
+      {chosen + "$ROOT/taken", ""},
   };
-  for (const auto& [environment, directory] : usable) {
-    EXPECT_EQ(start("umask 0; " + environment + " exec $K").output, "");
-    EXPECT_NE(contentOf(root + "/" + directory + "/kestrel-native.log"), "") << environment;
+  fs::create_directories(root + "/taken/kestrel-native.log");  // where the log file should be
+  fs::create_directories(root + "/relative");
+  for (const auto& [environment, directory] : rows) {
+    const std::string line = "cd $ROOT; umask 0; " + environment + " exec $K";
+    EXPECT_EQ(start(line, directory.empty() ? 1 : 0).output, "");
+    EXPECT_NE(fs::exists(root + "/" + directory + "/kestrel-native.log"), directory.empty());
     for (fs::path part = directory; !part.empty(); part = part.parent_path()) {
       EXPECT_EQ(fs::status(root / part).permissions(), fs::perms::owner_all) << part;
     }
   }
-  fs::create_directories(root + "/taken/kestrel-native.log");  // where the log file should be
-  fs::create_directories(root + "/relative");
-  for (const std::string& environment :
-       {unset, chosen + " TEST_TMPDIR=$ROOT/other", chosen + "relative", chosen + "$K",
-        chosen + "$K/below", chosen + "$ROOT/taken"}) {
-    EXPECT_EQ(start("cd $ROOT; " + environment + " exec $K", 1).output, "");
-  }
-  EXPECT_FALSE(fs::exists(root + "/other"));
-  EXPECT_TRUE(fs::is_empty(root + "/relative"));
 }
 
 // With a real JVM and the sample application: what docs/application.md tells the application's
@@ -319,82 +236,62 @@ struct RealJvm : BundleFixture {
     fs::remove_all(contents + "/jre");
     fs::create_directory_symlink(KESTREL_JRE, contents + "/jre");
     fs::copy_file(SAMPLE_JAR, lib + "/sample.jar");
+    setenv("DOCUMENT", PROJECT_FOLDER "/docs/application.md", 1);
+    setenv("JAVAC", JAVAC, 1);
+  }
+
+  void expectEnd(const std::string& line, int status, const std::string& output,
+                 const std::string& lastRecord) {
+    const Start ended = start(line, status);
+    EXPECT_THAT(ended.output, ContainsRegex(output)) << line;
+    EXPECT_THAT(ended.log, EndsWith(lastRecord + "\n")) << line;
   }
 };
 
-TEST_F(RealJvm, GivesTheApplicationItsArgumentsAndProperties) {
-  const Start started = start("cd $ROOT; LC_ALL=C.UTF-8 exec $K write größe 'two words'");
-  EXPECT_THAT(readable(started.output, started.pid), HasSubstr(R"(argument 0: <install>/kestrel
-argument 1: write
-argument 2: größe
-argument 3: two words
-KESTREL_VERSION=<version>
-)"));
-  EXPECT_THAT(readable(started.output, started.pid), HasSubstr("\nuser.dir=<install>\n"));
-  EXPECT_TRUE(fs::exists(root + "/größe"));  // in the working directory
-  EXPECT_THAT(started.log, EndsWith(" operator() JVM started successfully\n"));
-  EXPECT_THAT(start("LC_ALL=C.UTF-8 exec $K process 😀").output,
-              AllOf(EndsWith("\n😀\n"), Not(HasSubstr("argument 2: 😀"))));
+TEST_F(RealJvm, RunsTheApplicationToItsEnd) {
+  const std::string success = " operator() JVM started successfully";
+  expectEnd("cd $ROOT; LC_ALL=C.UTF-8 $K write größe 'two words' && echo größe", 0,
+            "argument 0: <install>/kestrel\nargument 1: write\nargument 2: größe\n"
+            "argument 3: two words\nKESTREL_VERSION=<version>\n.*\nuser.dir=<install>\ngröße\n$",
+            success);
+  expectEnd("LC_ALL=C.UTF-8 exec $K process 😀", 0, "\n😀\n$", success);
+  // No thread outlives it, no hook runs.
+  expectEnd("NORVALED_DEBUG_PORT=0 exec $K leave", 0,
+            "Listening for transport dt_socket at address: .*\nuser.dir=[^\n]*\n$", success);
+  // The collectors that the switches choose accept what is left of the list.
+  expectEnd("KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_GC_AGGRESSIVE_RECLAIM=0 exec $K status -1", 255,
+            "", " operator() JVM main ended");
+  expectEnd("KESTREL_GC_FORCE_PARALLEL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0 exec $K throw", 108,
+            "IllegalStateException: the sample was asked to throw", " application: 108");
+  expectEnd("rm ${K%/*}/../lib/sample.jar; exec $K", 104, "NoClassDefFoundError",
+            " application: 104");
 }
 
 TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
-  setenv("DOCUMENT", PROJECT_FOLDER "/docs/application.md", 1);
-  setenv("JAVAC", JAVAC, 1);
-  const Start started = start(R"(cd $ROOT && rm Kestrel.app/Contents/lib/sample.jar &&
-      sed -n '/^```java$/,/^```$/{//!p;}' $DOCUMENT >NativeLauncher.java &&
-      $JAVAC -d Kestrel.app/Contents/lib/example.jar NativeLauncher.java && exec $K one two)",
-                              3);
-  EXPECT_THAT(started.output, EndsWith("hello one two\n"));
-  EXPECT_THAT(started.log, EndsWith(" jvm_exit JVM: exit( 3 )\n"));
+  expectEnd(R"(cd $ROOT; rm ${K%/*}/../lib/sample.jar
+      sed -n '/^```java$/,/^```$/{//!p;}' $DOCUMENT >NativeLauncher.java
+      $JAVAC -d ${K%/*}/../lib/example.jar NativeLauncher.java; exec $K one two)",
+            3, "hello one two\n$", " jvm_exit JVM: exit( 3 )");
 }
 
-TEST_F(RealJvm, EndsAsTheApplicationDoes) {
-  EXPECT_THAT(start("exec $K exit 300", 44).log, EndsWith(" jvm_exit JVM: exit( 300 )\n"));
-  // The switches choose collectors that the JVM accepts with all that is left in the list.
-  EXPECT_THAT(
-      start("KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_GC_AGGRESSIVE_RECLAIM=0 exec $K status -1", 255)
-          .log,
-      EndsWith(" operator() JVM main ended\n"));
-  const Start thrown = start(
-      "KESTREL_GC_FORCE_PARALLEL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0 "
-      "exec $K throw",
-      108);
-  EXPECT_THAT(thrown.output, HasSubstr("IllegalStateException: the sample was asked to throw"));
-  EXPECT_THAT(thrown.log, EndsWith("Kestrel JVM application: 108\n"));
-  const Start left = start("NORVALED_DEBUG_PORT=0 exec $K leave");
-  EXPECT_THAT(left.output, HasSubstr("Listening for transport dt_socket at address: "));
-  EXPECT_THAT(left.output, Not(HasSubstr("\na ")));  // thread has outlived it, nor hook run
-  const Start missing = start("rm ${K%/*}/../lib/sample.jar; exec $K", 104);
-  EXPECT_THAT(missing.output, HasSubstr("NoClassDefFoundError"));
-  EXPECT_THAT(missing.log, EndsWith("Kestrel JVM application: 104\n"));
-}
-
-TEST_F(RealJvm, TakesSignals) {
-  // The first shows all threads' stacks and lets the application go on, the second ends it.
-  const Start ended = start(R"((until grep -qs 'Full thread dump' $ROOT/logs/kestrel-native.log; do
+TEST_F(RealJvm, RecordsHowItEnds) {
+  expectEnd("exec $K exit 300", 44, "", " jvm_exit JVM: exit( 300 )");
+  // A first signal shows the threads' stacks and lets the application go on, a second ends it.
+  expectEnd(R"((until grep -qs 'Full thread dump' $ROOT/logs/kestrel-native.log; do
         kill -0 $$ && sleep 0.1 || exit
       done; kill -TERM $$) & exec $K signal QUIT)",
-                            143);
-  EXPECT_THAT(ended.output, HasSubstr("\na hook ran\n"));
-  EXPECT_THAT(ended.log, EndsWith(" jvm_exit JVM: exit( 143 )\n"));
-}
-
-TEST_F(RealJvm, RecordsWhyItRefusesOrDies) {
+            143, "\na hook ran\n", " jvm_exit JVM: exit( 143 )");
+  expectEnd("$K exhaust; status=$?; ls $ROOT/logs; exit $status", 134,
+            "fatal error: OutOfMemory encountered.*\nkestrel-error-[0-9]+.log\n"
+            "kestrel-native.log\nkestrel-oom-[0-9]+.hprof\n$",
+            " jvm_abort JVM: abort()");
   // The JVM reads the hooks after the user's options: what it says of those alone is not logged.
-  const Start refused = start("NORVALED_JVM_ARGS=-XX:+NoSuchOption exec $K", 53);
-  EXPECT_THAT(refused.output, HasSubstr("Unrecognized VM option 'NoSuchOption'"));
-  EXPECT_THAT(refused.log, EndsWith(R"( startJVM Error creating VM: code= -6 . Exiting...
-
- reportFatalAndExit Failed to start JVM
-)"));
+  expectEnd("NORVALED_JVM_ARGS=-XX:+NoSuchOption exec $K", 53,
+            "Unrecognized VM option 'NoSuchOption'",
+            "\n startJVM Error creating VM: code= -6 . Exiting...\n\n reportFatalAndExit Failed to "
+            "start JVM");
   // What it says of all options together is, and it ends the process itself.
-  EXPECT_THAT(start("NORVALED_JVM_ARGS=-XX:+UseSerialGC exec $K", 1).log,
-              AllOf(HasSubstr(" jvm_vprintf JVM:  "), EndsWith(" jvm_abort JVM: abort()\n")));
-  const Start exhausted = start("exec $K exhaust", 134);
-  EXPECT_THAT(exhausted.output, HasSubstr("fatal error: OutOfMemory encountered"));
-  EXPECT_THAT(exhausted.log, EndsWith(" jvm_abort JVM: abort()\n"));
-  EXPECT_TRUE(fs::exists(logs + "/kestrel-error-" + exhausted.pid + ".log"));
-  EXPECT_TRUE(fs::exists(logs + "/kestrel-oom-" + exhausted.pid + ".hprof"));
+  expectEnd("NORVALED_JVM_ARGS=-XX:+UseSerialGC exec $K", 1, "", " jvm_abort JVM: abort()");
 }
 
 }  // namespace

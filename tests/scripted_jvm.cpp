@@ -1,91 +1,99 @@
 // A runtime library that notes what it is given and answers as its script says:
 //
-//   SCRIPTED_JVM_CALLS  the file for one line per call and option
-//   SCRIPTED_JVM        words NAME=ANSWER: codes for "create", "attach" and "status" (main's own),
-//                       "throws" or "missing" for what is looked up, "throws" for "call" (of main)
-//   SCRIPTED_JVM_MAIN   a shell command for main
+//   SCRIPTED_JVM_CALLS  the file for a line per call, with the options as the launcher lists them
+//   SCRIPT_create, _attach, _status  codes; the last is main's
+//   SCRIPT_NAME         "throws" or "missing" for a class or method that is looked up
+//   SCRIPT_call         "throws" for main, which prints NORVALED_DEBUG_PORT as it then is
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iostream>
 #include <string>
+#include <vector>
 
 // Nowhere defined: only a loader that binds a function when it is called can load this library.
 extern "C" void scriptedJvmNeverCallsThis();
 
 namespace {
 
-// Any addresses do as references, and such that no code may look into.
+// References that no code may look into.
 const auto REFERENCE = reinterpret_cast<jobject>(1);
 const auto EXCEPTION = reinterpret_cast<jthrowable>(2);
+const auto ARRAY = reinterpret_cast<jobjectArray>(3);
 jthrowable pending = nullptr;
+std::vector<const char*> mainArguments;
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
 }
 
-std::string answer(const std::string& question) {
-  std::istringstream words(variable("SCRIPTED_JVM"));
-  for (std::string word; words >> word;) {
-    if (word.starts_with(question + "=")) return word.substr(question.size() + 1);
-  }
-  return "";
+std::string script(const std::string& name) { return variable(("SCRIPT_" + name).c_str()); }
+
+int scriptedCode(const std::string& name) {
+  const std::string digits = script(name);
+  return digits.empty() ? 0 : std::stoi(digits);
 }
 
-int code(const char* question) { return std::atoi(answer(question).c_str()); }  // NOLINT
-
-template <typename... Pieces>
-void note(const Pieces&... pieces) {
-  ((std::ofstream(variable("SCRIPTED_JVM_CALLS"), std::ios::app) << "> ") << ... << pieces) << "\n";
+void note(const std::string& call, bool isAsExpected = true) {
+  std::ofstream calls(variable("SCRIPTED_JVM_CALLS"), std::ios::app);
+  calls << "> " << call << (isAsExpected ? "" : " with something else") << "\n";
 }
 
-const char* asExpected(bool holds) { return holds ? "" : " with something else"; }
-
+// Null where the script says so, else the reference.
 template <typename Reference>
-Reference found(const char* call, const std::string& name, const char* more = "") {
-  note(call, "(", name, more, ")");
-  const std::string script = answer(name.substr(name.rfind('/') + 1));
-  if (script == "throws") pending = EXCEPTION;
-  return script.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
+Reference lookUp(const std::string& call, const std::string& name, const std::string& type = "") {
+  note(call + "(" + name + type + ")");
+  const std::string end = script(name.substr(name.rfind('/') + 1));
+  if (end == "throws") pending = EXCEPTION;
+  return end.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
 }
 
-jint runMain(JNIEnv*, jclass, jmethodID, va_list) {
-  note("CallStaticIntMethod");
-  const std::string command = variable("SCRIPTED_JVM_MAIN");
-  if (!command.empty() && std::system(command.c_str()) != 0) scriptedJvmNeverCallsThis();
-  if (answer("call") == "throws") pending = EXCEPTION;
-  return code("status");
+jint runMain(JNIEnv*, jclass, jmethodID, va_list list) {
+  std::string call = "CallStaticIntMethod";
+  for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
+  note(call, va_arg(list, jobject) == ARRAY);
+  std::cout << variable("NORVALED_DEBUG_PORT") << std::flush;
+  if (script("call") == "throws") pending = EXCEPTION;
+  if (script("call") == "crashes") scriptedJvmNeverCallsThis();
+  return scriptedCode("status");
 }
 
 // A call of a function that is not filled in crashes, as it should.
 const JNINativeInterface_ environmentFunctions = [] {
   JNINativeInterface_ f{};
-  f.FindClass = [](JNIEnv*, const char* name) { return found<jclass>("FindClass", name); };
-  f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return found<jmethodID>("GetStaticMethodID", name, type);
-  };
+  f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>("FindClass", name); };
   f.GetMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return found<jmethodID>("GetMethodID", name, type);
+    return lookUp<jmethodID>("GetMethodID", name, type);
+  };
+  f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
+    return lookUp<jmethodID>("GetStaticMethodID", name, type);
   };
   f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
-    return found<jobjectArray>("NewObjectArray", std::to_string(length));
+    mainArguments.assign(length, "");
+    return ARRAY;
   };
-  f.NewStringUTF = [](JNIEnv*, const char* s) { return found<jstring>("NewStringUTF", "", s); };
-  f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject) {
-    note("SetObjectArrayElement(", index, ")");
+  f.NewStringUTF = [](JNIEnv*, const char* text) {
+    return reinterpret_cast<jstring>(const_cast<char*>(text));
+  };
+  f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject text) {
+    mainArguments.at(index) = reinterpret_cast<const char*>(text);
   };
   f.CallStaticIntMethodV = runMain;
-  f.ExceptionOccurred = [](JNIEnv*) { return note("ExceptionOccurred"), pending; };
+  f.ExceptionOccurred = [](JNIEnv*) {
+    note("ExceptionOccurred");
+    return pending;
+  };
   f.CallVoidMethodV = [](JNIEnv*, jobject object, jmethodID, va_list) {
-    note("CallVoidMethod", asExpected(object == EXCEPTION));
+    note("CallVoidMethod", object == EXCEPTION);
   };
-  f.DeleteLocalRef = [](JNIEnv*, jobject object) {
-    note("DeleteLocalRef", asExpected(object == REFERENCE));
+  f.DeleteLocalRef = [](JNIEnv*, jobject object) { note("DeleteLocalRef", object == REFERENCE); };
+  f.ExceptionClear = [](JNIEnv*) {
+    note("ExceptionClear");
+    pending = nullptr;
   };
-  f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"), pending = nullptr; };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};
@@ -93,9 +101,9 @@ JNIEnv environment{&environmentFunctions};
 const JNIInvokeInterface_ machineFunctions = [] {
   JNIInvokeInterface_ f{};
   f.AttachCurrentThread = [](JavaVM*, void** env, void* arguments) {
-    note("AttachCurrentThread", asExpected(arguments == nullptr));
+    note("AttachCurrentThread", arguments == nullptr);
     *env = &environment;
-    return code("attach");
+    return scriptedCode("attach");
   };
   return f;
 }();
@@ -105,14 +113,16 @@ JavaVM machine{&machineFunctions};
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  const bool isLeader = getsid(0) == getpid();  // of a session of the launcher's own
-  note("CreateJavaVM", asExpected(isLeader && init->version == 0x000A0000 &&
-                                  init->ignoreUnrecognized == JNI_FALSE));
+  bool isAsExpected = init->version == 0x000A0000 && init->ignoreUnrecognized == JNI_FALSE;
+  if (getsid(0) != getpid()) isAsExpected = false;  // the launcher leads a session of its own
+  std::string options = "\n\t";
   for (int i = 0; i < init->nOptions; ++i) {
     const JavaVMOption& option = init->options[i];
     const std::string text = option.optionString != nullptr ? option.optionString : "(null)";
-    note(option.extraInfo != nullptr ? "hook " : "option ", text);
+    if (text.starts_with("-") == (option.extraInfo != nullptr)) isAsExpected = false;
+    options += text + "\n\t";
   }
+  note("CreateJavaVM" + options, isAsExpected);
   *vm = &machine;
-  return code("create");
+  return scriptedCode("create");
 }

@@ -1,3 +1,5 @@
+// The sample application: ./dev run and the tests start it by the launcher to show each way in which
+// an application can end.
 package com.norvale.app.daemon.entry;
 
 import java.io.FileWriter;
@@ -8,15 +10,14 @@ import java.util.TreeSet;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * A small application for the launcher to start. It prints its command line and the properties that
- * the launcher set, then does what the first argument behind the program path asks for:
+ * It prints its command line and the properties that the launcher set, then does what the first
+ * argument after the program's path asks for:
  *
  * <pre>
  *   status N     main yields N to the launcher
  *   exit N       System.exit(N)
  *   throw        main ends with an exception
  *   exhaust      fills the Java heap
- *   threads N    starts N threads at once and waits for them
  *   leave        main returns while a thread runs and a shutdown hook is set
  *   process      prints the first argument as the system has it
  *   signal NAME  sets a shutdown hook and sends itself a signal
@@ -46,7 +47,6 @@ public final class NativeLauncher {
       case "exit" -> System.exit(number(args));
       case "throw" -> throw new IllegalStateException("the sample was asked to throw");
       case "exhaust" -> exhaustHeap();
-      case "threads" -> startThreads(number(args));
       case "leave" -> leave();
       case "process" -> System.out.println(ProcessHandle.current().info().arguments().get()[1]);
       case "signal" -> signalSelf(args[2]);
@@ -106,17 +106,5 @@ public final class NativeLauncher {
   private static void linger(String text) {
     LockSupport.parkNanos(60_000_000_000L);
     System.out.println(text);
-  }
-
-  private static void startThreads(int count) throws InterruptedException {
-    List<Thread> threads = new ArrayList<>();
-    for (int i = 0; i < count; i++) {
-      Thread thread = new Thread(() -> Thread.yield());
-      threads.add(thread);
-      thread.start();
-    }
-    for (Thread thread : threads) {
-      thread.join();
-    }
   }
 }
