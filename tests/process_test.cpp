@@ -37,8 +37,11 @@ TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
 > DeleteLocalRef
 > ExceptionClear
 )";
-  const std::string find = "> FindClass(com/norvale/app/daemon/entry/NativeLauncher)\n";
-  const std::string missing = " callMainMethod Failed to find  NativeLauncher  class\n";
+  const std::string missing = R"(> FindClass(com/norvale/app/daemon/entry/NativeLauncher)
+ callMainMethod Failed to find  NativeLauncher  class
+)";
+  const std::string raised =
+      " callMainMethod Finding  NativeLauncher  class failed with exception!\n";
   const std::string call = "> CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]\n";
   const std::string threw = " callMainMethod Method ' main ' failed with exception!\n";
   // Script, status, and what takes the place of the success from the first line of its own on.
@@ -50,10 +53,8 @@ TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
       {"SCRIPT_status=7", 7, "> ExceptionOccurred\n"},
       {"SCRIPT_attach=-5", 103,
        "> AttachCurrentThread\n callMainMethod Failed to attach native thread to JVM\n"},
-      {"SCRIPT_NativeLauncher=throws", 104,
-       find + missing + printing +
-           " callMainMethod Finding  NativeLauncher  class failed with exception!\n"},
-      {"SCRIPT_NativeLauncher=missing", 105, find + missing + "> ExceptionOccurred\n"},
+      {"SCRIPT_NativeLauncher=throws", 104, missing + printing + raised},
+      {"SCRIPT_NativeLauncher=missing", 105, missing + "> ExceptionOccurred\n"},
       {"SCRIPT_main=throws", 106,
        "> GetStaticMethodID(main([Ljava/lang/String;)V)\n"
        " callMainMethod Failed to find method ' main ' on  NativeLauncher\n"},
@@ -95,27 +96,28 @@ TEST_F(Launcher, EndsWith53WithoutJvm) {
   EXPECT_EQ(start("exec $K", 53).log, " run Program arguments:  \n" + loading + end);
 }
 
-// The options in the document's table, but for the rows in which `gone` is found; each on a line.
-std::string documentedOptions(const std::string& gone) {
-  std::ifstream document(PROJECT_FOLDER "/docs/options.md");
-  std::string options = "\n\t";
-  std::string row;
-  while (std::getline(document, row) && !row.starts_with("| option |")) continue;
-  while (std::getline(document, row) && row.starts_with("|")) {
-    const bool isGone = std::regex_search(row, std::regex(gone));
-    if (row.starts_with("| `") && !isGone) options += row.substr(3, row.find('`', 3) - 3) + "\n\t";
-  }
-  return options;
-}
-
 struct OptionRow {
   std::string environment;
-  std::string gone{};     // rows of the table
+  std::string gone{};     // rows of the table, as a regular expression
   std::string option{};   // as in the table
   std::string changed{};  // as in this environment
   std::string records{};
   std::string port{};  // in the environment afterwards
 };
+
+// The options of the table in docs/options.md, as the launcher lists them.
+std::string documentedOptions(const OptionRow& change) {
+  const auto isGone = testing::Matches(ContainsRegex("<TMPDIR>`|<port>`" + change.gone));
+  std::ifstream document(PROJECT_FOLDER "/docs/options.md");
+  std::string options = "\n\t";
+  std::string row;
+  while (std::getline(document, row) && !row.starts_with("## ")) {
+    if (!change.option.empty()) row = replaced(row, change.option, change.changed);
+    if (row.starts_with("| `") && !isGone(row))
+      options += row.substr(3, row.find('`', 3) - 3) + "\n\t";
+  }
+  return replaced(options, "<size>", "384");
+}
 
 TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
   for (const char* name : {"b.jar", "a.jar", "ajar", "A.JAR", ".jar"}) {
@@ -126,8 +128,9 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
   std::string jars;
   for (const fs::directory_entry& entry : fs::directory_iterator(lib)) {  // in its own order
     const std::string name = entry.path().filename();
-    if (name.ends_with(".jar")) jars += (jars.empty() ? "" : ":") + ("<install>/../lib/" + name);
+    if (name.ends_with(".jar")) jars.append(":<install>/../lib/").append(name);
   }
+  jars.erase(0, 1);
   const std::string agent = "<y or n>,address=*:<port>";
   const std::string any = " startJVM Enabling JDWP with suspend=n on any available port\n";
   const std::string wait = " startJVM Enabling JDWP with suspend=y on port  ";
@@ -142,11 +145,11 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
        "KESTREL_GC_FORCE_PARALLEL_GC= KESTREL_GC_MAX_PAUSE_MILLIS=",
        "|gone with .*(OPTIMIZATIONS|RECLAIM)", "Millis=100", "Millis="},
       {"KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1",
-       "|G1 only|gone with .*SERIAL", "G1", "Serial"},
-      {"KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10", "|G1 only", "G1",
-       "Parallel"},
+       "|G1 only|gone with .*SERIAL", "UseG1", "UseSerial"},
+      {"KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10", "|G1 only", "UseG1",
+       "UseParallel"},
       {"KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0",
-       "|G1 only|gone with .*(SERIAL|OPTIMIZATIONS)", "G1", "Serial"},
+       "|G1 only|gone with .*(SERIAL|OPTIMIZATIONS)", "UseG1", "UseSerial"},
       {"TMPDIR=$ROOT/link/", "", "<TMPDIR>", root + "/link/"},
       {"TMPDIR=$ROOT/missing"},
       {"NORVALED_DEBUG_PORT= NORVALED_JVM_ARGS="},
@@ -159,21 +162,13 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
        any + " startJVM Adding JVM args from NORVALED_JVM_ARGS:  " + words + "\n", "0"},
   };
   for (const OptionRow& row : rows) {
-    std::string options = documentedOptions("none of the table's rows" + row.gone);
-    if (!row.option.empty()) options = replaced(options, row.option, row.changed);
-    options = std::regex_replace(options, std::regex("-[^\n]*<(TMPDIR|port)>\n\t"), "");  // not set
-    options = replaced(replaced(options, "<jars>", jars), "<size>", "384");
-    std::string expected = R"( resolveJNICreateFunction Loading JLI library from <library>
-<records> startJVM Using class path:  <jars>
- startJVM JVM Args: <options>
- startJVM Starting JVM
-> CreateJavaVM<options>
- startJVM Java Virtual Machine is created!
-)";
-    expected = replaced(expected, "<library>", "<install>/../jre/Contents/Home/lib/libjli.dylib");
-    expected = replaced(expected, "<records>", row.records);
-    expected = replaced(expected, "<jars>", replaced(jars, ":", "\n"));
-    expected = " run Program arguments:  \n" + replaced(expected, "<options>", options);
+    const std::string options = replaced(documentedOptions(row), "<jars>", jars);
+    const std::string expected =
+        " run Program arguments:  \n resolveJNICreateFunction Loading JLI "
+        "library from <install>/../jre/Contents/Home/lib/libjli.dylib\n" +
+        row.records + " startJVM Using class path:  " + replaced(jars, ":", "\n") +
+        "\n startJVM JVM Args: " + options + "\n startJVM Starting JVM\n> CreateJavaVM" + options +
+        "\n startJVM Java Virtual Machine is created!\n";
     const Start started =
         start("unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " + row.environment + " exec $K");
     EXPECT_EQ(upTo(started.log, "is created!\n"), expected)
@@ -184,21 +179,19 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
 
 TEST_F(Launcher, FindsItsFilesFromTheNameItIsStartedBy) {
   const std::string noJars = "\n startJVM Using class path:  \n";
-  EXPECT_THAT(start("cd ${K%/*/*}; exec MacOS/kestrel").log,
-              AllOf(HasSubstr(" from MacOS/../jre/Contents/Home/lib/libjli.dylib" + noJars),
-                    HasSubstr("\n\t-Duser.dir=MacOS\n"),
-                    HasSubstr("> CallStaticIntMethod [MacOS/kestrel]\n")));
-  // A bare name's bundle is looked for under the root.
-  EXPECT_THAT(start("cd ${K%/*}; PATH=. exec kestrel", 53).log,
-              HasSubstr(" from /../jre/Contents/"));
-  // The override moves runtime and jars with it, and nobody checks it.
-  EXPECT_THAT(start("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $K", 53).log,
-              HasSubstr(" from none/../jre/Contents/Home/lib/libjli.dylib\n"));
+  const Start relative = start("cd ${K%/*/*}; exec MacOS/kestrel");
+  EXPECT_THAT(relative.log,
+              HasSubstr(" from MacOS/../jre/Contents/Home/lib/libjli.dylib" + noJars));
+  EXPECT_THAT(relative.log, HasSubstr("\n\t-Duser.dir=MacOS\n"));
+  EXPECT_THAT(relative.log, HasSubstr("> CallStaticIntMethod [MacOS/kestrel]\n"));
+  // A bare name's bundle is looked for under the root, and nobody checks an override.
+  EXPECT_THAT(start("cd ${K%/*}; PATH=. exec kestrel", 53).log, HasSubstr(" from /../jre/"));
+  const Start overridden = start("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $K", 53);
+  EXPECT_THAT(overridden.log, HasSubstr(" from none/../jre/"));
   fs::remove(lib);
-  const std::string missing = "<install>/../lib/  is missing or not accessible";
-  EXPECT_THAT(start("exec $K").log,
-              AllOf(HasSubstr("\n collectJars Directory  " + missing + noJars),
-                    HasSubstr("\n\t-Djava.class.path=\n")));
+  const std::string missing =
+      "\n collectJars Directory  <install>/../lib/  is missing or not accessible";
+  EXPECT_THAT(start("exec $K").log, HasSubstr(missing + noJars));
 }
 
 TEST_F(Launcher, LogsWhereTheEnvironmentSays) {
@@ -236,8 +229,6 @@ struct RealJvm : BundleFixture {
     fs::remove_all(contents + "/jre");
     fs::create_directory_symlink(KESTREL_JRE, contents + "/jre");
     fs::copy_file(SAMPLE_JAR, lib + "/sample.jar");
-    setenv("DOCUMENT", PROJECT_FOLDER "/docs/application.md", 1);
-    setenv("JAVAC", JAVAC, 1);
   }
 
   void expectEnd(const std::string& line, int status, const std::string& output,
@@ -268,9 +259,10 @@ TEST_F(RealJvm, RunsTheApplicationToItsEnd) {
 }
 
 TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
-  expectEnd(R"(cd $ROOT; rm ${K%/*}/../lib/sample.jar
-      sed -n '/^```java$/,/^```$/{//!p;}' $DOCUMENT >NativeLauncher.java
-      $JAVAC -d ${K%/*}/../lib/example.jar NativeLauncher.java; exec $K one two)",
+  fs::remove(lib + "/sample.jar");
+  setenv("DOCUMENT", PROJECT_FOLDER "/docs/application.md", 1);
+  expectEnd(R"(cd $ROOT; sed -n '/^```java$/,/^```$/{//!p;}' "$DOCUMENT" >NativeLauncher.java
+      ')" JAVAC R"(' -d ${K%/*}/../lib/example.jar NativeLauncher.java; exec $K one two)",
             3, "hello one two\n$", " jvm_exit JVM: exit( 3 )");
 }
 

@@ -21,7 +21,7 @@ using testing::EndsWith, testing::HasSubstr;
 namespace {
 
 std::time_t clockShows = 0;
-long pageSize = 4096;
+long pageSize = 0;
 const char* lookedUp = nullptr;  // before main
 bool isMemoryOut = false;
 int freed = 0;
@@ -41,24 +41,11 @@ CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean
 
 }  // namespace
 
-// These stand before the libraries' own in this program.
-extern "C" {
-std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) { return clockShows; }
-long sysconf(int name) noexcept(noexcept(sysconf(0))) {
-  return name == _SC_PAGESIZE ? pageSize : -1;
-}
-Class objc_lookUpClass(const char* name) {
-  lookedUp = name;
-  return nullptr;
-}
-void* objc_autoreleasePoolPush() { return nullptr; }
-void objc_autoreleasePoolPop(void* /*pool*/) {}
-}
-
 #include "logging/Logging.cpp"
-// What cannot stand before the library's own: sanitizers bring malloc and free, and the run loop's
-// other functions are to stay what they are.
+// Not replaced when the program is linked: sanitizers bring malloc and free, and call sysconf
+// before they are ready for code of ours; the run loop's other functions are to stay what they are.
 #define malloc(size) (isMemoryOut ? nullptr : malloc(size))
+#define sysconf(name) ((name) == _SC_PAGESIZE ? pageSize : -1)
 #define free(block) (++freed, free(block))
 #define CFRunLoopRunInMode runInMode
 #define main launcherMain
@@ -68,7 +55,19 @@ void objc_autoreleasePoolPop(void* /*pool*/) {}
 #undef main
 #undef CFRunLoopRunInMode
 #undef free
+#undef sysconf
 #undef malloc
+
+// These stand before the libraries' own in this program.
+extern "C" {
+std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) { return clockShows; }
+Class objc_lookUpClass(const char* name) {
+  lookedUp = name;
+  return nullptr;
+}
+void* objc_autoreleasePoolPush() { return nullptr; }
+void objc_autoreleasePoolPop(void* /*pool*/) {}
+}
 
 namespace {
 
