@@ -19,6 +19,7 @@ class DumpLoggerBuilder {
   // Every record is emitted and shown as INFO whatever its level, which is dropped on purpose.
   enum LOG_LEVEL { DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
+  // cppcheck-suppress noExplicitConstructor; on purpose
   DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
   DumpLoggerBuilder(const DumpLoggerBuilder&) = delete;
   DumpLoggerBuilder& operator=(const DumpLoggerBuilder&) = delete;

@@ -20,7 +20,7 @@ public final class Bundle implements Closeable {
   private static final String LAUNCHER = "/Contents/MacOS/kestrel";
   private static final String LOG = "logs/kestrel-native.log";
   private static final String TOOLS = System.getProperty("java.home") + "/bin/";
-  private static final String IN_MAIN = "JVM calling main";
+  private static final String QUICK = "-J-XX:TieredStopAtLevel=1"; // half the time for a short run
 
   private final int seconds = Integer.parseInt(find("^([1-9][0-9]{0,4})$",
       System.getenv().getOrDefault("KESTREL_RECORD_SECONDS", "20"),
@@ -236,14 +236,14 @@ public final class Bundle implements Closeable {
     modules = String.join(",", new TreeSet<>(List.of(modules.split("[,\\s]+"))));
     say("linking a runtime of " + modules);
     Files.createDirectories(home.getParent());
-    check(run(TOOLS + "jlink", List.of("--add-modules", modules, "--no-header-files",
+    check(run(TOOLS + "jlink", List.of(QUICK, "--add-modules", modules, "--no-header-files",
         "--no-man-pages", "--strip-java-debug-attributes", "--exclude-files=**.debuginfo,**.diz",
         "--output", home.toString())) == 0, "jlink: " + reason());
   }
 
   /** Some jars can be read only all together, and some not at all: modules with others missing. */
   private String modulesOf(List<String> some, List<String> jars) throws Exception {
-    List<String> words = new ArrayList<>(List.of("-q", "--ignore-missing-deps",
+    List<String> words = new ArrayList<>(List.of(QUICK, "-q", "--ignore-missing-deps",
         "--print-module-deps", "--multi-release", "" + Runtime.version().feature(),
         "--class-path", String.join(":", jars)));
     words.addAll(some);
@@ -286,8 +286,8 @@ public final class Bundle implements Closeable {
   private void record() throws Exception {
     say("recording the classes of a start, for " + seconds + " s or until it ends");
     List<String> words = new ArrayList<>(options);
-    words.addAll(version < 28 ? List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + file("record"))
-        : List.of("-XX:AOTMode=record", "-XX:AOTConfiguration=" + file("record")));
+    words.addAll(version < 28 ? List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + file("list"))
+        : List.of("-XX:AOTMode=record", "-XX:AOTConfiguration=" + file("list")));
     // The launcher's stack size is not for main, which there has a thread that is not the JVM's.
     words.addAll(List.of("-Xss8m", ENTRY, application + LAUNCHER));
     words.addAll(arguments);
@@ -296,7 +296,7 @@ public final class Bundle implements Closeable {
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
     // Who had to be killed may have left half a line.
-    if (version < 28) Files.writeString(file("record"), find("(?s)(.*\n)", read("record"), "no list"));
+    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no list"));
   }
 
   private void dump(String linking) throws Exception {
@@ -306,11 +306,11 @@ public final class Bundle implements Closeable {
     words.addAll(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g",
         version < 24 ? "-Djava.class.path=" : linking));
     // A JDK from 28 on links classes in no archive but a cache, which it takes for one.
-    words.addAll(version >= 28 && Files.exists(file("record"))
-        ? List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("record"),
+    words.addAll(version >= 28 && Files.exists(file("list"))
+        ? List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("list"),
             "-XX:AOTCache=" + file("made"))
         : List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + file("made"),
-            "-XX:SharedClassListFile=" + (version < 28 ? file("record") : home + "/lib/classlist")));
+            "-XX:SharedClassListFile=" + (version < 28 ? file("list") : home + "/lib/classlist")));
     run(home + "/bin/java", words);
     check(Files.exists(file("made")), "the JVM makes no archive: " + reason());
     replace(file("made"), archive);
@@ -328,7 +328,7 @@ public final class Bundle implements Closeable {
   private boolean reachesMain(String option) throws Exception {
     String logging = version < 24 ? " -Xlog:cds" : " -Xlog:cds,aot";
     run(application + LAUNCHER, arguments, 120, option + logging);
-    return read(LOG).contains(IN_MAIN);
+    return read(LOG).contains("JVM calling main");
   }
 
   private int run(String program, List<String> words) throws Exception {
@@ -349,7 +349,7 @@ public final class Bundle implements Closeable {
     Process process = builder.start();
     try {
       long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
-      while (!process.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains(IN_MAIN)) {
+      while (!process.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains("JVM calling main")) {
         // What an application says without end is not to fill the disk.
         if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
         if (System.nanoTime() > end) stop(process);
@@ -374,8 +374,8 @@ public final class Bundle implements Closeable {
     String text = read(LOG).replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "");
     List<String> lines = (text + read("output")).lines().filter(
         line -> !line.matches("(?i)[#\\s]*|\\s+(at |-).*|.*warning.*|.*---- .native.*")).toList();
-    Stream<String> errors = lines.stream().filter(l -> l.matches(".*(Exception|Error|SIG[A-Z]+ ).*"));
-    return Stream.concat(lines.stream(), errors).reduce("no message", (a, b) -> b.strip());
+    Stream<String> error = lines.stream().filter(l -> l.matches(".*(Exception|Error|SIG.*).*"));
+    return Stream.concat(lines.stream(), error).reduce("no message", (a, b) -> b.strip());
   }
 
   private Path file(String name) {
