@@ -26,7 +26,6 @@ inline std::string replaced(std::string text, const std::string& from, const std
 }
 
 struct Start {
-  int status;          // as a shell tells it
   std::string output;  // standard output and standard error
   std::string log;
 };
@@ -47,7 +46,7 @@ class BundleFixture : public testing::Test {
     setenv("ROOT", root.c_str(), 1);
     setenv("K", (bin + "/kestrel").c_str(), 1);
     setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
-    setenv("SCRIPTED_JVM_CALLS", log.c_str(), 1);
+    setenv("SCRIPT_CALLS", log.c_str(), 1);
   }
 
   ~BundleFixture() override { std::filesystem::remove_all(root); }
@@ -59,15 +58,15 @@ class BundleFixture : public testing::Test {
     const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
     const std::string output = contentOf(root + "/output");
     const std::string pid = output.substr(0, output.find('\n'));
-    Start start = {WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended),
-                   readable(output.substr(pid.size() + 1), pid), readable(contentOf(log), pid)};
-    EXPECT_EQ(start.status, status) << line << "\n" << start.output << start.log;
+    Start start = {readable(output.substr(pid.size() + 1), pid), readable(contentOf(log), pid)};
+    EXPECT_EQ(WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended), status)
+        << line << "\n"
+        << start.output << start.log;
     return start;
   }
 
-  // A text with names, as docs/options.md has them, in the place of what varies. Of a log what
-  // comes after the last banner, without the head of each record that the process `pid` has
-  // written.
+  // With names, as docs/options.md has them, in the place of what varies. Of a log what comes after
+  // the last banner, without the heads of records that the process `pid` has written.
   [[nodiscard]] std::string readable(std::string text, const std::string& pid) const {
     const std::string banner = "Logger initialized\n";
     const std::size_t begin = text.rfind(banner);

@@ -1,9 +1,9 @@
 // A runtime library that notes what it is given and answers as its script says:
 //
-//   SCRIPTED_JVM_CALLS  the file for a line per call, with the options as the launcher lists them
-//   SCRIPT_create, _attach, _status  codes; the last is main's
-//   SCRIPT_NAME         "throws" or "missing" for a class or method that is looked up
-//   SCRIPT_call         "throws" for main, which prints NORVALED_DEBUG_PORT as it then is
+//   SCRIPT_CALLS  the file for a line per call, with the options as the launcher lists them
+//   SCRIPT_create, SCRIPT_attach, SCRIPT_status  codes; the last is main's
+//   SCRIPT_NAME   "throws" or "missing" for a class or method that is looked up
+//   SCRIPT_call   "throws" for main
 #include <jni.h>
 #include <unistd.h>
 
@@ -25,20 +25,17 @@ const auto ARRAY = reinterpret_cast<jobjectArray>(3);
 jthrowable pending = nullptr;
 std::vector<const char*> mainArguments;
 
-std::string variable(const char* name) {
-  const char* value = std::getenv(name);
+std::string script(const std::string& name) {
+  const char* value = std::getenv(("SCRIPT_" + name).c_str());
   return value != nullptr ? value : "";
 }
 
-std::string script(const std::string& name) { return variable(("SCRIPT_" + name).c_str()); }
-
 int scriptedCode(const std::string& name) {
-  const std::string digits = script(name);
-  return digits.empty() ? 0 : std::stoi(digits);
+  return static_cast<int>(std::strtol(script(name).c_str(), nullptr, 10));
 }
 
 void note(const std::string& call, bool isAsExpected = true) {
-  std::ofstream calls(variable("SCRIPTED_JVM_CALLS"), std::ios::app);
+  std::ofstream calls(std::getenv("SCRIPT_CALLS"), std::ios::app);
   calls << "> " << call << (isAsExpected ? "" : " with something else") << "\n";
 }
 
@@ -55,7 +52,8 @@ jint runMain(JNIEnv*, jclass, jmethodID, va_list list) {
   std::string call = "CallStaticIntMethod";
   for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
   note(call, va_arg(list, jobject) == ARRAY);
-  std::cout << variable("NORVALED_DEBUG_PORT") << std::flush;
+  const char* port = std::getenv("NORVALED_DEBUG_PORT");
+  if (port != nullptr) std::cout << port << std::flush;
   if (script("call") == "throws") pending = EXCEPTION;
   if (script("call") == "crashes") scriptedJvmNeverCallsThis();
   return scriptedCode("status");
@@ -113,13 +111,13 @@ JavaVM machine{&machineFunctions};
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  bool isAsExpected = init->version == 0x000A0000 && init->ignoreUnrecognized == JNI_FALSE;
-  if (getsid(0) != getpid()) isAsExpected = false;  // the launcher leads a session of its own
+  const bool isLeader = getsid(0) == getpid();  // of a session of the launcher's own
+  bool isAsExpected = isLeader && init->version == 0x000A0000 && !init->ignoreUnrecognized;
   std::string options = "\n\t";
-  for (int i = 0; i < init->nOptions; ++i) {
-    const JavaVMOption& option = init->options[i];
-    const std::string text = option.optionString != nullptr ? option.optionString : "(null)";
-    if (text.starts_with("-") == (option.extraInfo != nullptr)) isAsExpected = false;
+  for (const JavaVMOption* option = init->options; option != init->options + init->nOptions;
+       ++option) {
+    const std::string text = option->optionString != nullptr ? option->optionString : "(null)";
+    if (text.starts_with("-") == (option->extraInfo != nullptr)) isAsExpected = false;
     options += text + "\n\t";
   }
   note("CreateJavaVM" + options, isAsExpected);
