@@ -139,6 +139,7 @@ TEST_F(Unit, LogTakesARecordInOneWrite) {
     const std::string counters = contentOf("/proc/self/io");
     return std::stol(counters.substr(counters.find("syscw: ") + 7));
   };
+  countWrites();  // in a first call a sanitizer may write too
   const long before = countWrites();
   LOG_RECORD(INFO, "f") << std::string(9000, 'x');  // more than a stream's own buffer holds
   EXPECT_EQ(countWrites() - before, 1);
