@@ -20,7 +20,7 @@ class NativeLauncher {
   }
 }
 END
-$JDK/javac -J-XX:TieredStopAtLevel=1 -d classes A.java $BUNDLE &&
+$JDK/javac -J-XX:TieredStopAtLevel=1 -d classes A.java "$BUNDLE" &&
 $JDK/jar --create --file 'jars/an application.jar' -C classes com &&
 cp jars/* same && head -c 900 jars/* >cut.jar)");
   }
@@ -43,7 +43,7 @@ TEST_F(Bundle, StartsWithItsArchiveWhereverItLies) {
 done; kill $!; wait $!)",
                     143, "");
 
-  start(R"(cd $ROOT && KESTREL_MODULES=java.prefs $JDK/java $BUNDLE \
+  start(R"(cd $ROOT && KESTREL_MODULES=java.prefs $JDK/java "$BUNDLE" \
   bundle out/Kestrel.app $K jars && mv out/Kestrel.app 'moved here.app')");
   const std::string moved = "\"$ROOT/moved here.app/Contents/";
   EXPECT_THAT(start(moved + "jre/Contents/Home/bin/java\" --list-modules").output,

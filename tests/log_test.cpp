@@ -55,8 +55,8 @@ TEST_F(Log, TellsWhatHappened) {
   for (const std::string awk : {"awk", "mawk", "gawk", "original-awk"}) {
     if (start("command -v " + awk + " || echo none").output == "none\n") continue;
     setenv("AWK", awk.c_str(), 1);
-    EXPECT_EQ(start("$READ $LOG").output, overview) << awk;
-    EXPECT_THAT(start("$READ 13 $LOG").output, HasSubstr(R"(
+    EXPECT_EQ(start("\"$READ\" $LOG").output, overview) << awk;
+    EXPECT_THAT(start("\"$READ\" 13 $LOG").output, HasSubstr(R"(
 
 run Program arguments:  one
 ?[7m? 
@@ -69,9 +69,9 @@ f JVM:  Full thread dump:
 
 docs/troubleshooting.md, What happened: no end: running or killed
 )")) << awk;
-    EXPECT_THAT(start("$READ --last $LOG").output, HasSubstr("00       43  1.2.3")) << awk;
-    for (const std::string words : {"$ROOT", "nosuch", "$READ", "$LOG 98", "$LOG $LOG"}) {
-      EXPECT_THAT(start("$READ " + words, 1).output, MatchesRegex("log: [^\n]+\n")) << awk;
+    EXPECT_THAT(start("\"$READ\" --last $LOG").output, HasSubstr("00       43  1.2.3")) << awk;
+    for (const std::string words : {"$ROOT", "nosuch", "$K", "$LOG 98", "$LOG $LOG"}) {
+      EXPECT_THAT(start("\"$READ\" " + words, 1).output, MatchesRegex("log: [^\n]+\n")) << awk;
     }
   }
 }

@@ -346,20 +346,20 @@ public final class Bundle implements Closeable {
         + "|KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE|(JDK)?_JAVA_OPTIONS|JAVA_TOOL_OPTIONS"));
     builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
     builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
-    Process process = builder.start();
+    Process child = builder.start();
     try {
       long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
-      while (!process.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains("JVM calling main")) {
+      while (!child.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains("JVM calling main")) {
         // What an application says without end is not to fill the disk.
         if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
-        if (System.nanoTime() > end) stop(process);
+        if (System.nanoTime() > end) stop(child);
       }
     } finally {
-      List<ProcessHandle> children = process.descendants().toList();
-      process.destroyForcibly().onExit().join();
+      List<ProcessHandle> children = child.descendants().toList();
+      child.destroyForcibly().onExit().join();
       children.forEach(ProcessHandle::destroyForcibly);
     }
-    return process.exitValue();
+    return child.exitValue();
   }
 
   private static void stop(Process process) throws InterruptedException {
