@@ -53,8 +53,7 @@ public final class Bundle implements Closeable {
     try {
       perform(List.of(args));
       status = 0;
-    } catch (InterruptedException | ClosedByInterruptException e) {
-      // The signal gives the status.
+    } catch (InterruptedException | ClosedByInterruptException e) { // the signal has its own status
     } catch (Exception e) {
       System.err.println("bundle: " + (e instanceof IllegalArgumentException ? e.getMessage() : e));
     }
@@ -140,7 +139,7 @@ public final class Bundle implements Closeable {
       check(names.add(name.toLowerCase(Locale.ROOT)), "two jars are named " + name);
     }
     List<String> found = jars.stream().filter(Bundle::hasEntry).toList();
-    check(found.size() == 1, found + " hold the entry class " + ENTRY + ": one jar has to");
+    check(found.size() == 1, "one jar has to hold " + ENTRY + ".class, not these: " + found);
     return jars;
   }
 
@@ -295,8 +294,9 @@ public final class Bundle implements Closeable {
     check(!read("output").matches("(?s).*(# A fatal|Error: LinkageError|Error: Could not find) .*"),
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
-    // Who had to be killed may have left half a line.
+    // Who had to be killed may have left half a line, or half a cache.
     if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no list"));
+    else if (status == 137) Files.deleteIfExists(file("list"));
   }
 
   private void dump(String linking) throws Exception {
