@@ -9,8 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <stdexcept>
+#include <regex>
 #include <string>
 
 inline std::string contentOf(const std::string& file) {
@@ -25,18 +24,12 @@ inline std::string replaced(std::string text, const std::string& from, const std
   return text;
 }
 
-struct Start {
-  std::string output;  // standard output and standard error
-  std::string log;
-};
-
 class BundleFixture : public testing::Test {
  protected:
   BundleFixture() {
-    const char* path = std::getenv("PATH");
+    // Of the surroundings only the switch that an old JDK needs is to reach a start.
     const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
     environ[0] = nullptr;
-    if (path != nullptr) setenv("PATH", path, 1);
     if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
@@ -48,38 +41,31 @@ class BundleFixture : public testing::Test {
     setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
     setenv("SCRIPT_CALLS", log.c_str(), 1);
   }
-
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
   // Runs a line of /bin/sh that ends with `exec $K`, the launcher, and expects its exit status.
-  // $ROOT is the folder of it all. Earlier starts' log is gone.
-  Start start(const std::string& line, int status = 0) {
+  // $ROOT is the folder of it all. Gives the log of this start alone, and leaves its `output`.
+  std::string start(const std::string& line, int status = 0) {
     std::filesystem::remove(log);
     const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
-    const std::string output = contentOf(root + "/output");
+    output = contentOf(root + "/output");
     const std::string pid = output.substr(0, output.find('\n'));
-    Start start = {readable(output.substr(pid.size() + 1), pid), readable(contentOf(log), pid)};
-    EXPECT_EQ(WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended), status)
-        << line << "\n"
-        << start.output << start.log;
-    return start;
+    output = readable(output.substr(pid.size() + 1), pid);
+    std::string records = readable(contentOf(log), pid);
+    EXPECT_EQ(ended, W_EXITCODE(status, 0)) << line << "\n" << output << records;
+    return records;
   }
 
-  // With names, as docs/options.md has them, in the place of what varies. Of a log what comes after
-  // the last banner, without the heads of records that the process `pid` has written.
+  // With names, as docs/options.md has them, in the place of what varies, and without the banner
+  // and the heads of records that the process `pid` has written.
   [[nodiscard]] std::string readable(std::string text, const std::string& pid) const {
-    const std::string banner = "Logger initialized\n";
-    const std::size_t begin = text.rfind(banner);
-    if (begin != std::string::npos) text.erase(0, begin + banner.size());
-    const std::string head = VERSION " " + pid + " ";
-    const std::string rest = "2026-11-23 03:00:00.400 INFO   ---- (native)                 ";
-    for (std::size_t i; (i = text.find(head)) != std::string::npos;) {
-      text.erase(i, head.size() + rest.size());
-    }
+    const std::regex head(VERSION " " + pid + R"( .{23} INFO   ---- \(native\)                 )");
+    text = replaced(std::regex_replace(text, head, ""), banner, "");
     text = replaced(replaced(text, bin, "<install>"), logs, "<logs>");
     return replaced(replaced(text, "-" + pid + ".", "-<pid>."), VERSION, "<version>");
   }
 
+  const std::string banner = "\n\n==========================================\nLogger initialized\n";
   const std::string root = [] {
     std::string name = std::filesystem::temp_directory_path() / "kestrel-XXXXXX";
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
@@ -91,6 +77,7 @@ class BundleFixture : public testing::Test {
   const std::string runtime = contents + "/jre/Contents/Home/lib";
   const std::string logs = root + "/logs";
   const std::string log = logs + "/kestrel-native.log";
+  std::string output;  // standard output and standard error
 };
 
 #endif  // KESTREL_TESTS_BUNDLE_FIXTURE_H_

@@ -1,61 +1,51 @@
-// A runtime library that notes what it is given and answers as its script says:
-//
-//   SCRIPT_CALLS  the file for a line per call, with the options as the launcher lists them
-//   SCRIPT_create, SCRIPT_attach, SCRIPT_status  codes; the last is main's
-//   SCRIPT_NAME   "throws" or "missing" for a class or method that is looked up
-//   SCRIPT_call   "throws" for main
+// A runtime library that notes each call in the file SCRIPT_CALLS, options as the launcher lists
+// them, and answers as its script says: SCRIPT_create, SCRIPT_attach and SCRIPT_status, which is
+// main's, are codes; of a class or method, or "call" for main, SCRIPT_NAME is "throws" or
+// "missing".
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <string>
 #include <vector>
 
-// Nowhere defined: only a loader that binds a function when it is called can load this library.
-extern "C" void scriptedJvmNeverCallsThis();
-
 namespace {
 
-// References that no code may look into.
-const auto REFERENCE = reinterpret_cast<jobject>(1);
-const auto EXCEPTION = reinterpret_cast<jthrowable>(2);
-const auto ARRAY = reinterpret_cast<jobjectArray>(3);
-jthrowable pending = nullptr;
 std::vector<const char*> mainArguments;
+jthrowable pending = nullptr;
 
 std::string script(const std::string& name) {
   const char* value = std::getenv(("SCRIPT_" + name).c_str());
-  return value != nullptr ? value : "";
+  if (value == nullptr) return "";
+  if (value == std::string("throws")) pending = reinterpret_cast<jthrowable>(1);
+  return value;
 }
 
-int scriptedCode(const std::string& name) {
-  return static_cast<int>(std::strtol(script(name).c_str(), nullptr, 10));
+jint scriptedCode(const std::string& name) {
+  const std::string code = script(name);
+  return code.empty() ? JNI_OK : std::stoi(code);
 }
 
-void note(const std::string& call, bool isAsExpected = true) {
-  std::ofstream calls(std::getenv("SCRIPT_CALLS"), std::ios::app);
-  calls << "> " << call << (isAsExpected ? "" : " with something else") << "\n";
+void note(const std::string& call) {
+  std::ofstream(std::getenv("SCRIPT_CALLS"), std::ios::app) << "> " << call << "\n";
 }
 
-// Null where the script says so, else the reference.
 template <typename Reference>
-Reference lookUp(const std::string& call, const std::string& name, const std::string& type = "") {
-  note(call + "(" + name + type + ")");
-  const std::string end = script(name.substr(name.rfind('/') + 1));
-  if (end == "throws") pending = EXCEPTION;
-  return end.empty() ? reinterpret_cast<Reference>(REFERENCE) : nullptr;
+Reference lookUp(const std::string& call, const char* name, const std::string& type = "") {
+  const std::string path = name;
+  note(call + "(" + path + type + ")");
+  return script(path.substr(path.rfind('/') + 1)).empty() ? reinterpret_cast<Reference>(1)
+                                                          : nullptr;
 }
 
 jint runMain(JNIEnv*, jclass, jmethodID, va_list list) {
   std::string call = "CallStaticIntMethod";
+  if (va_arg(list, jobject) != reinterpret_cast<jobject>(&mainArguments))
+    call += " with something else";
   for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
-  note(call, va_arg(list, jobject) == ARRAY);
-  const char* port = std::getenv("NORVALED_DEBUG_PORT");
-  if (port != nullptr) std::cout << port << std::flush;
-  if (script("call") == "throws") pending = EXCEPTION;
-  if (script("call") == "crashes") scriptedJvmNeverCallsThis();
+  note(call);
+  script("call");  // which may throw
   return scriptedCode("status");
 }
 
@@ -71,7 +61,7 @@ const JNINativeInterface_ environmentFunctions = [] {
   };
   f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
     mainArguments.assign(length, "");
-    return ARRAY;
+    return reinterpret_cast<jobjectArray>(&mainArguments);
   };
   f.NewStringUTF = [](JNIEnv*, const char* text) {
     return reinterpret_cast<jstring>(const_cast<char*>(text));
@@ -84,43 +74,36 @@ const JNINativeInterface_ environmentFunctions = [] {
     note("ExceptionOccurred");
     return pending;
   };
-  f.CallVoidMethodV = [](JNIEnv*, jobject object, jmethodID, va_list) {
-    note("CallVoidMethod", object == EXCEPTION);
-  };
-  f.DeleteLocalRef = [](JNIEnv*, jobject object) { note("DeleteLocalRef", object == REFERENCE); };
-  f.ExceptionClear = [](JNIEnv*) {
-    note("ExceptionClear");
-    pending = nullptr;
-  };
+  f.CallVoidMethodV = [](JNIEnv*, jobject, jmethodID, va_list) { note("CallVoidMethod"); };
+  f.DeleteLocalRef = [](JNIEnv*, jobject) { note("DeleteLocalRef"); };
+  f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"); };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};
 
-const JNIInvokeInterface_ machineFunctions = [] {
-  JNIInvokeInterface_ f{};
-  f.AttachCurrentThread = [](JavaVM*, void** env, void* arguments) {
-    note("AttachCurrentThread", arguments == nullptr);
-    *env = &environment;
-    return scriptedCode("attach");
-  };
-  return f;
-}();
-JavaVM machine{&machineFunctions};
+jint attach(JavaVM*, void** env, void*) {
+  note("AttachCurrentThread");
+  *env = &environment;
+  return scriptedCode("attach");
+}
 
 }  // namespace
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  const bool isLeader = getsid(0) == getpid();  // of a session of the launcher's own
-  bool isAsExpected = isLeader && init->version == 0x000A0000 && !init->ignoreUnrecognized;
-  std::string options = "\n\t";
-  for (const JavaVMOption* option = init->options; option != init->options + init->nOptions;
-       ++option) {
-    const std::string text = option->optionString != nullptr ? option->optionString : "(null)";
-    if (text.starts_with("-") == (option->extraInfo != nullptr)) isAsExpected = false;
-    options += text + "\n\t";
+  bool isAsExpected = init->version == 0x000A0000 && !init->ignoreUnrecognized;
+  if (getsid(0) != getpid()) isAsExpected = false;  // the launcher leads a session of its own
+  const char* port = std::getenv("NORVALED_DEBUG_PORT");
+  std::string call = std::string("CreateJavaVM ") + (port != nullptr ? port : "") + "\n\t";
+  for (int i = 0; i < init->nOptions; ++i) {
+    const std::string text = init->options[i].optionString;
+    if (text.starts_with("-") == (init->options[i].extraInfo != nullptr)) isAsExpected = false;
+    call += text + "\n\t";
   }
-  note("CreateJavaVM" + options, isAsExpected);
+  note(call + (isAsExpected ? "" : " with something else"));
+  static JNIInvokeInterface_ functions{};
+  functions.AttachCurrentThread = attach;
+  static JavaVM machine{&functions};
   *vm = &machine;
   return scriptedCode("create");
 }

@@ -1,0 +1,134 @@
+// What supporters and packagers run: tools/log, macos/sign and tools/Bundle.java.
+#include <array>
+#include <sstream>
+
+#include "tests/bundle_fixture.h"
+
+using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
+
+namespace {
+
+struct Tools : BundleFixture {
+  Tools() { setenv("PROJECT", PROJECT, 1); }
+
+  std::string outputOf(const std::string& line, int status = 0) {
+    start("cd $ROOT; " + line, status);
+    return output;
+  }
+};
+using Bundle = Tools;
+
+// Each line of log_starts has the status, what happened, and the records after the arguments; "#"
+// begins a line of the crash report, "~" stands for a line feed, PID for the process. The starts
+// run at once, record by record in turn, after one whose beginning is cut off; the log was mailed.
+TEST_F(Tools, LogTellsWhatHappened) {
+  const std::string rest = " 2026-11-23 03:00:00.400 INFO   ---- (native)                  ";
+  std::string overview = R"(log: ./mailed
+time PID version status what happened arguments
+2026-11-23 03:00:00 9 1.2.3 - the JVM crashed ?
+)";
+  std::array<std::string, 12> rounds = {"cut\n1.2.3 9" + rest + "f JVM: abort()\n"};
+  std::ifstream rows(PROJECT "/tests/log_starts");
+  int process = 10;
+  for (std::string row; std::getline(rows, row);) {
+    const std::string pid = std::to_string(++process);
+    const std::string head = "1.2.3 " + pid + rest;
+    rounds[1] += head + "run Program arguments:  one\n\33[7m\302\233 \n";
+    std::istringstream cells(replaced(replaced(row, "PID", pid), "~", "\n"));
+    std::string status, what, record;
+    std::getline(std::getline(cells, status, '|'), what, '|');
+    overview += "2026-11-23 03:00:00 " + pid + " 1.2.3 " + status + " " + what + " one\\n?[7m?\n";
+    std::ofstream report(root + "/kestrel-error-" + pid + ".log");
+    for (std::size_t round = 2; std::getline(cells, record, '|'); ++round) {
+      if (record.starts_with("#"))
+        report << record << "\n";
+      else
+        rounds[round] += head + "f " + record + "\n";
+    }
+  }
+  std::ofstream mailed(root + "/mailed");
+  for (const std::string& round : rounds) mailed << replaced(round, "\n", "\r\n") << std::flush;
+
+  for (const std::string awk : {"awk", "mawk", "gawk", "original-awk"}) {
+    if (outputOf("command -v " + awk + " || echo none") == "none\n") continue;
+    const std::string read = "AWK=" + awk + " \"$PROJECT/tools/log\" ";
+    EXPECT_EQ(outputOf(read + "mailed 2>&1 | sed 's/   */ /g'"), overview) << awk;
+    EXPECT_THAT(outputOf(read + "13 mailed"), EndsWith(R"(
+
+run Program arguments:  one
+?[7m? 
+f Starting JVM
+f Java Virtual Machine is created!
+f JVM:  Server VM warning: 
+f JVM:  Full thread dump:
+"main"
+	at a.b
+
+docs/troubleshooting.md, What happened: no end: running or killed
+
+)")) << awk;
+    EXPECT_THAT(outputOf(read + "--last mailed"), HasSubstr("00       43  1.2.3")) << awk;
+    for (const std::string words : {"$ROOT", "nosuch", "$K", "mailed 98", "mailed mailed"}) {
+      EXPECT_THAT(outputOf(read + words, 1), MatchesRegex("log: [^\n]+\n")) << awk;
+    }
+  }
+}
+
+// With stand-ins for a Mac's tools: codesign tells its arguments, a jar is its list of names.
+TEST_F(Tools, SignGoesInsideOut) {
+  outputOf(R"(mkdir tools; echo 'IFS="|"; echo "$*"' >tools/codesign; echo 'cat "$2"' >tools/unzip
+mv Kestrel.app 'An App.app'; cd An*/Contents; printf 'a/B.class\nnative/lib it.dylib\n' >'lib/an app.jar'
+touch 'MacOS/a helper' 'MacOS/lib 1.jnilib'; cd jre/Contents; mkdir Home/bin
+touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
+chmod +x $ROOT/tools/* $ROOT/An*/Contents/MacOS/* Home/bin/java Home/lib/*)");
+  const std::string expected = R"(not signed: native/lib it.dylib in Contents/lib/an app.jar
+Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/MacOS/lib 1.jnilib
+--entitlements|macos/entitlements.plist|Contents/jre/Contents/Home/bin/java|Contents/MacOS/a helper
+Contents/jre
+--entitlements|macos/entitlements.plist|An App.app
+--verify|--deep|--strict|--verbose=2|An App.app
+)";
+  outputOf(
+      "for identity in - Me; do PATH=$ROOT/tools:$PATH \"$PROJECT/macos/sign\" An* $identity; "
+      "done");
+  output = replaced(output, "--force|--sign|Me|--options|runtime|--timestamp|", "");
+  output = replaced(replaced(output, "--force|--sign|-|", ""), PROJECT "/", "");
+  EXPECT_EQ(replaced(output, root + "/", ""), expected + expected);
+}
+
+TEST_F(Bundle, StartsWithItsArchiveWhereverItLies) {
+  setenv("JDK", std::filesystem::path(JAVAC).parent_path().c_str(), 1);
+  outputOf(R"(mkdir -p jars same out/Kestrel.app/Contents/previous && cat >A.java <<END &&
+package com.norvale.app.daemon.entry;
+class NativeLauncher {
+  java.util.logging.Logger logger;
+  public static void main(String[] args) { System.out.print("the old code"); System.exit(3); }
+}
+END
+"$JDK/javac" -J-XX:TieredStopAtLevel=1 -d classes A.java "$PROJECT/tools/Bundle.java" &&
+"$JDK/jar" --create --file 'jars/an application.jar' -C classes com &&
+cp jars/* same && head -c 900 jars/* >cut.jar)");
+  const std::string make = "\"$JDK/java\" -cp classes Bundle bundle out/Kestrel.app $K jars";
+  EXPECT_THAT(outputOf(make + " missing.jar", 1), HasSubstr("missing.jar does not exist"));
+  EXPECT_THAT(outputOf(make + " cut.jar", 1), HasSubstr("cut.jar is not a jar, or cut off"));
+  EXPECT_THAT(outputOf(make + " same", 1), HasSubstr("two jars are named an application.jar"));
+  outputOf("exec " + make + R"( & until ls -A out | grep -q '^[.]bundle'; do
+  kill -0 $! && sleep 0.1 || exit
+done; kill $!; wait $!)",
+           143);
+  EXPECT_EQ(outputOf("find out | sort"),
+            "out\nout/Kestrel.app\nout/Kestrel.app/Contents\nout/Kestrel.app/Contents/previous\n");
+
+  outputOf("KESTREL_MODULES=java.prefs " + make + " && mv out/Kestrel.app 'moved here.app'");
+  EXPECT_THAT(outputOf("moved*/Contents/jre/Contents/Home/bin/java --list-modules"),
+              AllOf(HasSubstr("java.desktop@"), HasSubstr("java.logging@"),
+                    HasSubstr("java.prefs@"), HasSubstr("jdk.jdwp.agent@")));
+  const std::string run = "exec \"$ROOT/moved here.app/Contents/MacOS/kestrel\"";
+  EXPECT_THAT(outputOf("NORVALED_JVM_ARGS=-Xshare:on " + run, 3), EndsWith("the old code"));
+  outputOf(R"(cd classes; class=com/norvale/app/daemon/entry/NativeLauncher.class
+LC_ALL=C sed 's/the old/the new/' $class >patched && mv patched $class &&
+"$JDK/jar" --create --file ../moved*/Contents/lib/*.jar com)");
+  EXPECT_THAT(outputOf(run, 3), EndsWith("the new code"));
+}
+
+}  // namespace
