@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# bench.sh BUILD-FOLDER [ROUNDS]: measures the launcher against less and more, with JAVA_HOME set.
+# bench.sh BUILD-FOLDER [ROUNDS]: measures how fast starts are, with JAVA_HOME set.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$(cd "$1" && pwd)

@@ -63,7 +63,7 @@ static int run(int argc, char** argv) {
 
   std::atomic<std::int32_t> launchResult{NOT_STARTED};
   std::atomic<bool> exitAfterStartup{false};
-  // Set whatever comes: the entry's call lasts as long as the application, and the process is to
+  // Always set: the entry's call lasts as long as the application, and the process is to
   // end with it rather than to go on in the run loop.
   exitAfterStartup = true;
 

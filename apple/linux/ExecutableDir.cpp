@@ -1,4 +1,4 @@
-// The Linux twin of the Foundation call that finds the executable's directory.
+// The Linux counterpart of the Foundation call that finds the executable's directory.
 #include <cerrno>
 #include <string>
 

@@ -1,5 +1,5 @@
-// A run loop for Linux that behaves as CoreFoundation documents it, as far as it goes: on one
-// thread, in one mode, with timers that fire once. A timer keeps the loop alive until it has fired.
+// A run loop for Linux that behaves as CoreFoundation documents it, for one thread, one mode and
+// timers that fire once. A timer keeps the loop alive until it has fired.
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <algorithm>
