@@ -19,7 +19,6 @@ import java.util.concurrent.locks.LockSupport;
  *   throw        main ends with an exception
  *   exhaust      fills the Java heap
  *   leave        main returns while a thread runs and a shutdown hook is set
- *   process      prints the first argument as the system has it
  *   signal NAME  sets a shutdown hook and sends itself a signal
  *   write FILE   writes an empty file
  *   anything     main yields 0
@@ -48,7 +47,6 @@ public final class NativeLauncher {
       case "throw" -> throw new IllegalStateException("the sample was asked to throw");
       case "exhaust" -> exhaustHeap();
       case "leave" -> leave();
-      case "process" -> System.out.println(ProcessHandle.current().info().arguments().get()[1]);
       case "signal" -> signalSelf(args[2]);
       case "write" -> new FileWriter(args[2]).close();
       default -> {}
