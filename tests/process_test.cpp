@@ -161,15 +161,16 @@ TEST_F(Launcher, LogsWhereTheEnvironmentSays) {
   const std::vector<std::pair<std::string, std::string>> rows = {
       {chosen + "$ROOT/new/deep TEST_TMPDIR=$ROOT/t", "new/deep"},
       {chosen + "$ROOT/at//its/end/", "at/its/end"},
+      {chosen + "$ROOT/link", "relative"},
       {unset + "TEST_TMPDIR=$ROOT/t HOME=$ROOT", "t/nativeLogs"},
       {unset + "HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
       // None of these can be used.
       {unset, ""},
       {chosen + " TEST_TMPDIR=$ROOT/other", ""},
       {chosen + "relative", ""},
-      {chosen + "$K/below", ""},
+      {chosen + "$K", ""},
   };
-  fs::create_directory(root + "/relative");
+  start("cd $ROOT; mkdir relative; ln -s relative link");
   for (const auto& [environment, directory] : rows) {
     start("cd $ROOT; umask 0; " + environment + " exec $K", directory.empty() ? 1 : 0);
     EXPECT_EQ(output, "");

@@ -119,7 +119,7 @@ TEST_F(Unit, LogTakesTwoRecordsAtOnceAndDropsAThird) {
 TEST_F(Unit, FatalEndsSayWhyOnTheConsole) {
   isConsoleLoggingEnabled = true;
   std::atexit([] { std::fputs("handlers ran", stderr); });
-  const std::string file = bin + "/kestrel";
+  const std::string file = bin + "/kestrel/below";
   setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file.c_str(), 1);
   EXPECT_EXIT(
       initialize_logging(false), testing::ExitedWithCode(1),
