@@ -22,6 +22,7 @@ long pageSize = 0;
 const char* lookedUp = nullptr;  // before main
 int freed = 0;
 int runs = 0;
+va_list noArguments{};
 
 // The launcher's runs last for ever: here the first runs out of time, if a timer keeps it.
 CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean afterSource) {
@@ -142,9 +143,8 @@ TEST_F(Unit, HelpersKeepToTheirLimits) {
 
 TEST_F(Unit, HookWritesTheJvmsWordsIntoTheLog) {
   initialize_logging(false);
-  va_list none{};
-  EXPECT_EQ(jvm_vprintf(nullptr, "Error occurred\n", none), 15);
-  EXPECT_EQ(jvm_vprintf(nullptr, std::string(2000, 'x').c_str(), none), 2000);
+  EXPECT_EQ(jvm_vprintf(nullptr, "Error occurred\n", noArguments), 15);
+  EXPECT_EQ(jvm_vprintf(nullptr, std::string(2000, 'x').c_str(), noArguments), 2000);
   const std::string cut(1019, 'x');
   EXPECT_EQ(logged(), " jvm_vprintf JVM:  Error occurred\n\n jvm_vprintf JVM:  " + cut + "\n");
 }
