@@ -83,7 +83,7 @@ public final class Bundle implements Closeable {
 
   private void make(Path target, Path program, List<String> jars) throws Exception {
     check(target.toString().matches("[^:\n]*\\.app"), target + " is not a name for a bundle");
-    check(Files.isExecutable(program), program + " is not a program");
+    check(program.toFile().isFile() && Files.isExecutable(program), program + " is not a program");
     String runtime = System.getenv().getOrDefault("KESTREL_RUNTIME", "");
     check(runtime.isEmpty() || Files.isExecutable(homeIn(Path.of(runtime)).resolve("bin/java")),
         "KESTREL_RUNTIME=" + runtime + " is not a Java runtime");
@@ -292,11 +292,11 @@ public final class Bundle implements Closeable {
     words.addAll(List.of("-Xss8m", ENTRY, application + LAUNCHER));
     words.addAll(arguments);
     int status = run(home + "/bin/java", words, seconds, "");
-    check(!read("output").matches("(?s).*(# A fatal|Error: (Linkage|Could not find|Main method)).*"),
+    check(!read("output").matches("(?s).*(# A fatal|Error: (Linkage|Could not|Main method)).*"),
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
     // Who had to be killed may have left half a line, or half a cache.
-    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no list"));
+    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no classes"));
     else if (status == 137) Files.deleteIfExists(file("list"));
   }
 
