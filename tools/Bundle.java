@@ -296,7 +296,7 @@ public final class Bundle implements Closeable {
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
     // Who had to be killed may have left half a line, or half a cache.
-    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no classes"));
+    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no class"));
     else if (status == 137) Files.deleteIfExists(file("list"));
   }
 
