@@ -54,8 +54,9 @@ public final class Bundle implements Closeable {
       perform(List.of(args));
       status = 0;
     } catch (InterruptedException | ClosedByInterruptException e) { // the signal has its own status
-    } catch (Exception e) {
-      System.err.println("bundle: " + (e instanceof IllegalArgumentException ? e.getMessage() : e));
+    } catch (Exception e) { // which Ctrl-C also makes of programs that it ends
+      String message = e instanceof IllegalArgumentException ? e.getMessage() : e.toString();
+      if (!Thread.interrupted()) System.err.println("bundle: " + message);
     }
     done.complete(null);
     System.exit(status);
@@ -82,7 +83,7 @@ public final class Bundle implements Closeable {
 
   private void make(Path target, Path program, List<String> jars) throws Exception {
     check(target.toString().matches("[^:\n]*\\.app"), target + " is not a name for a bundle");
-    check(Files.isExecutable(program), program + " is not a program");
+    check(program.toFile().isFile() && Files.isExecutable(program), program + " is not a program");
     String runtime = System.getenv().getOrDefault("KESTREL_RUNTIME", "");
     check(runtime.isEmpty() || Files.isExecutable(homeIn(Path.of(runtime)).resolve("bin/java")),
         "KESTREL_RUNTIME=" + runtime + " is not a Java runtime");
@@ -291,11 +292,11 @@ public final class Bundle implements Closeable {
     words.addAll(List.of("-Xss8m", ENTRY, application + LAUNCHER));
     words.addAll(arguments);
     int status = run(home + "/bin/java", words, seconds, "");
-    check(!read("output").matches("(?s).*(# A fatal|Error: LinkageError|Error: Could not find) .*"),
+    check(!read("output").matches("(?s).*(# A fatal|Error: (Linkage|Could not|Main method)).*"),
         "the application cannot be started: " + reason());
     say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
     // Who had to be killed may have left half a line, or half a cache.
-    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no list"));
+    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no class"));
     else if (status == 137) Files.deleteIfExists(file("list"));
   }
 
@@ -347,26 +348,24 @@ public final class Bundle implements Closeable {
     builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
     builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
     Process child = builder.start();
+    Set<ProcessHandle> started = new LinkedHashSet<>(); // by it, who may outlive it
     try {
       long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
+      boolean told = false;
       while (!child.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains("JVM calling main")) {
+        child.descendants().forEach(started::add);
         // What an application says without end is not to fill the disk.
         if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
-        if (System.nanoTime() > end) stop(child);
+        told = told || System.nanoTime() > end && child.toHandle().destroy();
+        if (System.nanoTime() > end + TimeUnit.SECONDS.toNanos(10)) break;
       }
     } finally {
-      List<ProcessHandle> children = child.descendants().toList();
+      child.descendants().forEach(started::add);
       child.destroyForcibly().onExit().join();
-      children.forEach(ProcessHandle::destroyForcibly);
+      for (ProcessHandle one : started)
+        Stream.concat(Stream.of(one), one.descendants()).forEach(ProcessHandle::destroyForcibly);
     }
     return child.exitValue();
-  }
-
-  private static void stop(Process process) throws InterruptedException {
-    List<ProcessHandle> children = process.descendants().toList();
-    process.destroy();
-    if (!process.waitFor(10, TimeUnit.SECONDS)) process.destroyForcibly();
-    children.forEach(ProcessHandle::destroyForcibly);
   }
 
   /** The exception that ended a program, or what it said last. */
