@@ -77,7 +77,7 @@ docs/troubleshooting.md, What happened: no end: running or killed
 // With stand-ins for a Mac's tools: codesign tells its arguments, a jar is its list of names.
 TEST_F(Tools, SignGoesInsideOut) {
   outputOf(R"(mkdir tools; echo 'IFS="|"; echo "$*"' >tools/codesign; echo 'cat "$2"' >tools/unzip
-mv Kestrel.app 'An App.app'; cd An*/Contents; printf 'a/B.class\nnative/lib it.dylib\n' >'lib/an app.jar'
+mv Kestrel.app 'An App.app'; cd An*/Contents; printf 'B\nnative/lib it.dylib\n' >'lib/an app.jar'
 touch 'MacOS/a helper' 'MacOS/lib 1.jnilib'; cd jre/Contents; mkdir Home/bin
 touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
 chmod +x $ROOT/tools/* $ROOT/An*/Contents/MacOS/* Home/bin/java Home/lib/*)");
