@@ -24,6 +24,8 @@ inline std::string replaced(std::string text, const std::string& from, const std
   return text;
 }
 
+extern "C" char** environ;  // which Apple's headers leave out
+
 class BundleFixture : public testing::Test {
  protected:
   BundleFixture() {
@@ -43,16 +45,18 @@ class BundleFixture : public testing::Test {
   }
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
-  // Runs a line of /bin/sh that ends with `exec $K`, the launcher, and expects its exit status.
-  // $ROOT is the folder of it all. Gives the log of this start alone, and leaves its `output`.
+  // Runs a line of /bin/sh, mostly one that ends with `exec $K`, the launcher, and expects its exit
+  // status. $ROOT is the folder of it all. Gives the log of this start alone; leaves its `output`.
   std::string start(const std::string& line, int status = 0) {
     std::filesystem::remove(log);
-    const int ended = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
+    const int waitStatus = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
     output = contentOf(root + "/output");
     const std::string pid = output.substr(0, output.find('\n'));
     output = readable(output.substr(pid.size() + 1), pid);
     std::string records = readable(contentOf(log), pid);
-    EXPECT_EQ(ended, W_EXITCODE(status, 0)) << line << "\n" << output << records;
+    EXPECT_EQ(waitStatus, W_EXITCODE(status, 0))
+        << WEXITSTATUS(waitStatus) << " of " << line << "\n"
+        << output << records;
     return records;
   }
 
@@ -67,7 +71,7 @@ class BundleFixture : public testing::Test {
 
   const std::string banner = "\n\n==========================================\nLogger initialized\n";
   const std::string root = [] {
-    std::string name = std::filesystem::temp_directory_path() / "kestrel-XXXXXX";
+    std::string name = "/tmp/kestrel-XXXXXX";  // no blank in it
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
     return name;
   }();

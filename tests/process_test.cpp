@@ -11,7 +11,7 @@ using testing::AllOf, testing::ContainsRegex, testing::EndsWith, testing::HasSub
 namespace {
 
 using Launcher = BundleFixture;
-using RealJvm = BundleFixture;
+using RealJvm = BundleFixture;  // the sanitizers leave these out by their name
 
 // Up to the end of the first `words`.
 std::string upTo(const std::string& text, const std::string& words) {
@@ -42,7 +42,7 @@ TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
   const std::string call = "> CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]\n";
   const std::string threw = " callMainMethod Method ' main ' failed with exception!\n";
   const std::string ended = " operator() JVM main ended\n";
-  // Script, status, and what takes the place of the success from the first line of its own on.
+  // Script, status, and the end of the records, which replaces success from its own first line on.
   const std::vector<std::tuple<std::string, int, std::string>> rows = {
       {"SCRIPT_status=0", 0, success},
       {"SCRIPT_status=1", 0, ended + " operator() JVM exit after startup is set, exiting\n"},
@@ -84,7 +84,7 @@ TEST_F(Launcher, EndsWith53WithoutRuntime) {
   fs::remove(runtime + "/libjli.dylib");
   const std::string path = "<install>/../jre/Contents/Home/lib/libjli.dylib";
   const std::string reason = " resolveJNICreateFunction Cannot load  " + path + " :  " + path;
-  EXPECT_THAT(start("exec $K", 53), AllOf(HasSubstr(path + "\n" + reason), EndsWith(R"(
+  EXPECT_THAT(start("exec $K", 53), AllOf(HasSubstr(reason), EndsWith(R"(
  startJVM Failed to locate exported function to start VM
  reportFatalAndExit Failed to start JVM
 )")));
@@ -92,11 +92,11 @@ TEST_F(Launcher, EndsWith53WithoutRuntime) {
 
 TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
   start(R"(cd ${K%/*}/../lib; touch b.jar a.jar ajar A.JAR .jar; mkdir folder.jar
-      ln -s $ROOT $ROOT/link; find ${K%/*}/../lib/ -name '*.jar')");
+      ln -s $ROOT $ROOT/link; find ${K%/*}/../lib -name '*.jar')");
   const std::string jars = output.substr(0, output.size() - 1);  // in the directory's own order
-  const std::string agent = "s/<y or n>/";
-  const std::string any = " startJVM Enabling JDWP with suspend=n on any available port\n";
-  const std::string wait = " startJVM Enabling JDWP with suspend=y on port  ";
+  const std::string suspendIs = "s/<y or n>/";
+  const std::string onAnyPort = " startJVM Enabling JDWP with suspend=n on any available port\n";
+  const std::string waitsOnPort = " startJVM Enabling JDWP with suspend=y on port  ";
   const std::string words = " -Db=2\t-Xms64m \v\f\r";
   // The environment, what it changes in the document, its own records, and the port left in it.
   const std::vector<std::tuple<std::string, std::string, std::string, std::string>> rows = {
@@ -114,15 +114,15 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
        ""},
       {"KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10",
        "s/UseG1/UseParallel/; /G1 only/d", "", ""},
-      {"NORVALED_DEBUG_PORT=5005x", agent + "y/; s/<port>/5005/", wait + "5005\n", "0"},
-      {"NORVALED_DEBUG_PORT=99999999999", agent + "n/; s/<port>/0/", any, "99999999999"},
+      {"NORVALED_DEBUG_PORT=5005x", suspendIs + "y/; s/<port>/5005/", waitsOnPort + "5005\n", "0"},
+      {"NORVALED_DEBUG_PORT=99999999999", suspendIs + "n/; s/<port>/0/", onAnyPort, "99999999999"},
       {"NORVALED_DEBUG_PORT=-5 NORVALED_JVM_ARGS='" + words + "'",
-       agent + "y/; s/<port>/-5/; s/^| each word.*/| `-Db=2@-Xms64m`/",
-       wait + "-5\n startJVM Adding JVM args from NORVALED_JVM_ARGS:  " + words + "\n", "0"},
+       suspendIs + "y/; s/<port>/-5/; s/^| each word.*/| `-Db=2@-Xms64m`/",
+       waitsOnPort + "-5\n startJVM Adding JVM args from NORVALED_JVM_ARGS:  " + words + "\n", "0"},
   };
-  const std::string list = R"(; /<TMPDIR>`/d; /<port>`/d; s/<size>/384/; y/@/\n/
+  const std::string sedToOptions = R"(; /<TMPDIR>`/d; /<port>`/d; s/<size>/384/; y/@/\n/
       s/^| `\([^`]*\)`.*/\1/p' ")" PROJECT "/docs/options.md\"";
-  const std::string begin = R"( run Program arguments:  
+  const std::string untilCreated = R"( run Program arguments:  
  resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
 <records> startJVM Using class path:  <jars>
  startJVM JVM Args: <options>
@@ -131,10 +131,10 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
  startJVM Java Virtual Machine is created!
 )";
   for (const auto& [environment, edit, records, port] : rows) {
-    start("sed -n '/^## /q; " + edit + list);
+    start("sed -n '/^## /q; " + edit + sedToOptions);
     std::string options = replaced("\n" + output, "\n", "\n\t");
     options = replaced(options, "<jars>", replaced(jars, "\n", ":"));
-    std::string expected = replaced(replaced(begin, "<records>", records), "<jars>", jars);
+    std::string expected = replaced(replaced(untilCreated, "<records>", records), "<jars>", jars);
     expected = replaced(replaced(expected, "<options>", options), "<port>", port);
     const std::string line = "unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " + environment + " exec $K";
     EXPECT_EQ(upTo(start(line), "is created!\n"), expected) << "docs/options.md: " << environment;
@@ -143,7 +143,7 @@ TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
 
 TEST_F(Launcher, FindsItsFilesFromTheNameItIsStartedBy) {
   const std::string noJars = "\n startJVM Using class path:  \n";
-  EXPECT_THAT(start("cd ${K%/*/*}; exec MacOS/kestrel"),
+  EXPECT_THAT(start("cd ${K%/*/*}; KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE= exec MacOS/kestrel"),
               AllOf(HasSubstr(" from MacOS/../jre/Contents/Home/lib/libjli.dylib" + noJars),
                     HasSubstr("\n\t-Duser.dir=MacOS\n"), HasSubstr("Method [MacOS/kestrel]\n")));
   // A bare name's bundle is looked for under the root, and nobody checks an override.
@@ -188,7 +188,7 @@ TEST_F(RealJvm, RunsApplications) {
   const std::string success = " operator() JVM started successfully";
   // A start, its status, what it puts out, and the end of its log.
   const std::vector<std::tuple<std::string, int, std::string, std::string>> rows = {
-      {"cd $ROOT; LC_ALL=C.UTF-8 $K write größe 'two words' && echo größe", 0,
+      {"cd $ROOT; LC_ALL=C.UTF-8 $K write größe 'two words' && echo gr*", 0,
        "argument 0: <install>/kestrel\nargument 1: write\nargument 2: größe\n"
        "argument 3: two words\nKESTREL_VERSION=<version>\n.*\nuser.dir=<install>\ngröße\n$",
        success},
@@ -209,7 +209,7 @@ TEST_F(RealJvm, RunsApplications) {
        "fatal error: OutOfMemory encountered.*\nkestrel-error-[0-9]+.log\n"
        "kestrel-native.log\nkestrel-oom-[0-9]+.hprof\n$",
        " jvm_abort JVM: abort()"},
-      {R"(cd $ROOT; rm ${K%/*}/../lib/*
+      {R"(cd $ROOT && rm ${K%/*}/../lib/*
       sed -n '/^```java$/,/^```$/{//!p;}' ")" PROJECT
        R"(/docs/application.md" >NativeLauncher.java
       ')" JAVAC R"(' -d ${K%/*}/../lib/example.jar NativeLauncher.java; exec $K one two)",

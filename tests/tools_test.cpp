@@ -12,11 +12,11 @@ struct Tools : BundleFixture {
   Tools() { setenv("PROJECT", PROJECT, 1); }
 
   std::string outputOf(const std::string& line, int status = 0) {
-    start("cd $ROOT; " + line, status);
+    start("cd $ROOT || exit; " + line, status);
     return output;
   }
 };
-using Bundle = Tools;
+using Bundle = Tools;  // the sanitizers leave it out by its name
 
 // Each line of log_starts has the status, what happened, and the records after the arguments; "#"
 // begins a line of the crash report, "~" stands for a line feed, PID for the process. The starts
@@ -26,9 +26,9 @@ TEST_F(Tools, LogTellsWhatHappened) {
   const std::string arguments(9000, 'a');  // more than mawk's printf takes
   std::string overview = R"(log: ./mailed
 time PID version status what happened arguments
-2026-11-23 03:00:00 9 1.2.3 - the JVM crashed ?
+2026-11-23 03:00:00 11 1.2.3 - the JVM crashed ?
 )";
-  std::array<std::string, 12> rounds = {"cut\n1.2.3 9" + rest + "f JVM: abort()\n"};
+  std::array<std::string, 12> rounds = {"cut\n1.2.3 11" + rest + "f JVM: abort()\n"};
   std::ifstream rows(PROJECT "/tests/log_starts");
   int process = 10;
   for (std::string row; std::getline(rows, row);) {
@@ -67,7 +67,8 @@ f JVM:  Full thread dump:
 docs/troubleshooting.md, What happened: no end: running or killed
 
 )")) << awk;
-    EXPECT_THAT(outputOf(read + "--last mailed"), HasSubstr("00       43  1.2.3")) << awk;
+    const std::string last = outputOf("cp mailed logs/kestrel-native.log; " + read + "--last");
+    EXPECT_THAT(last, HasSubstr("arguments\n2026-11-23 03:00:00       43")) << awk;
     for (const std::string words : {"$ROOT", "nosuch", "$K", "mailed 98", "mailed mailed"}) {
       EXPECT_THAT(outputOf(read + words, 1), MatchesRegex("log: [^\n]+\n")) << awk;
     }
@@ -78,11 +79,11 @@ docs/troubleshooting.md, What happened: no end: running or killed
 TEST_F(Tools, SignGoesInsideOut) {
   outputOf(R"(mkdir tools; echo 'IFS="|"; echo "$*"' >tools/codesign; echo 'cat "$2"' >tools/unzip
 mv Kestrel.app 'An App.app'; cd An*/Contents; printf 'B\nnative/lib it.dylib\n' >'lib/an app.jar'
-touch 'MacOS/a helper' 'MacOS/lib 1.jnilib'; cd jre/Contents; mkdir Home/bin
-touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
+rm MacOS/kestrel jre/*/*/lib/*; touch MacOS/kestrel 'MacOS/a helper' lib/1.jnilib
+cd jre/Contents; mkdir Home/bin; touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
 chmod +x $ROOT/tools/* $ROOT/An*/Contents/MacOS/* Home/bin/java Home/lib/*)");
   const std::string expected = R"(not signed: native/lib it.dylib in Contents/lib/an app.jar
-Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/MacOS/lib 1.jnilib
+Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/lib/1.jnilib
 --entitlements|macos/entitlements.plist|Contents/jre/Contents/Home/bin/java|Contents/MacOS/a helper
 Contents/jre
 --entitlements|macos/entitlements.plist|An App.app
@@ -107,11 +108,11 @@ class NativeLauncher {
 END
 "$JDK/javac" -J-XX:TieredStopAtLevel=1 -d classes A.java "$PROJECT/tools/Bundle.java" &&
 "$JDK/jar" --create --file 'jars/an application.jar' -C classes com &&
-cp jars/* same && head -c 900 jars/* >cut.jar)");
+cp jars/* 'same/An Application.jar' && head -c 900 jars/* >cut.jar)");
   const std::string make = "\"$JDK/java\" -cp classes Bundle bundle out/Kestrel.app $K jars";
   EXPECT_THAT(outputOf(make + " missing.jar", 1), HasSubstr("missing.jar does not exist"));
   EXPECT_THAT(outputOf(make + " cut.jar", 1), HasSubstr("cut.jar is not a jar, or cut off"));
-  EXPECT_THAT(outputOf(make + " same", 1), HasSubstr("two jars are named an application.jar"));
+  EXPECT_THAT(outputOf(make + " same", 1), HasSubstr("two jars are named "));
   outputOf("exec " + make + R"( & until ls -A out | grep -q '^[.]bundle'; do
   kill -0 $! && sleep 0.1 || exit
 done; kill $!; wait $!)",
@@ -124,9 +125,8 @@ done; kill $!; wait $!)",
                     HasSubstr("java.prefs@"), HasSubstr("jdk.jdwp.agent@")));
   const std::string run = "exec \"$ROOT/moved here.app/Contents/MacOS/kestrel\"";
   EXPECT_THAT(outputOf("NORVALED_JVM_ARGS=-Xshare:on " + run, 3), EndsWith("the old code"));
-  outputOf(R"(cd classes; class=com/norvale/app/daemon/entry/NativeLauncher.class
-LC_ALL=C sed 's/the old/the new/' $class >patched && mv patched $class &&
-"$JDK/jar" --create --file ../moved*/Contents/lib/*.jar com)");
+  outputOf(R"(sed 's/the old/the new/' A.java >B.java && "$JDK/javac" -d new B.java &&
+"$JDK/jar" --create --file moved*/Contents/lib/*.jar -C new com)");
   EXPECT_THAT(outputOf(run, 3), EndsWith("the new code"));
 }
 
