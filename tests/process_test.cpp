@@ -1,6 +1,5 @@
 // Starts of the launcher: command line, environment and bundle in; the log, the JVM's calls, output
 // and exit status out.
-#include <tuple>
 #include <vector>
 
 #include "tests/bundle_fixture.h"
