@@ -1,397 +1,999 @@
-import static java.nio.charset.StandardCharsets.*;
+import static java.nio.charset.StandardCharsets.UTF_8;
 
-import java.io.*;
+import java.io.BufferedOutputStream;
+import java.io.Closeable;
+import java.io.File;
+import java.io.IOException;
 import java.lang.ProcessBuilder.Redirect;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
 import java.nio.channels.ClosedByInterruptException;
-import java.nio.file.*;
-import java.util.*;
-import java.util.concurrent.*;
-import java.util.regex.*;
-import java.util.stream.*;
+import java.nio.channels.FileChannel;
+import java.nio.file.Files;
+import java.nio.file.LinkOption;
+import java.nio.file.Path;
+import java.nio.file.StandardCopyOption;
+import java.nio.file.attribute.PosixFilePermission;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.Collections;
+import java.util.Comparator;
+import java.util.HashSet;
+import java.util.LinkedHashSet;
+import java.util.List;
+import java.util.Locale;
+import java.util.Map;
+import java.util.Optional;
+import java.util.Set;
+import java.util.TreeSet;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Stream;
+import java.util.zip.ZipEntry;
 import java.util.zip.ZipFile;
+import java.util.zip.ZipOutputStream;
 
-/** Makes bundles, as docs/bundle.md tells; an error or a signal leaves everything as it was. */
-public final class Bundle implements Closeable {
+/**
+ * Makes application bundles; docs/bundle.md and docs/macos.md describe what it does. It runs from
+ * its source on JDK 17 or later: {@code java Bundle.java}.
+ *
+ * <p>A bundle is made in a folder beside its target and moved into place when it is complete. After
+ * an error or a signal the target is what it was before.
+ */
+public final class Bundle {
   private static final String USAGE = """
-      usage: bundle TARGET.app LAUNCHER JAR-OR-FOLDER... [-- ARG...]
-         or: archive APPLICATION.app [-- ARG...]
-         or: fill APPLICATION.app RUNTIME-OR-EMPTY-WORD JAR-OR-FOLDER...""";
-  private static final String ENTRY = "com/norvale/app/daemon/entry/NativeLauncher";
-  private static final String LAUNCHER = "/Contents/MacOS/kestrel";
-  private static final String LOG = "logs/kestrel-native.log";
-  private static final String TOOLS = System.getProperty("java.home") + "/bin/";
-  private static final String QUICK = "-J-XX:TieredStopAtLevel=1"; // half the time for a short run
+      usage: java Bundle.java bundle TARGET.app LAUNCHER ITEM... [-- ARG...]
+         or: java Bundle.java macos TARGET.app LAUNCHER ITEM...
+         or: java Bundle.java check bundle|macos [ITEM...]
+      An ITEM is a jar, a native library or a folder that contains some of these.""";
+  private static final String ENTRY_CLASS = "com/norvale/app/daemon/entry/NativeLauncher";
+  private static final int SUCCESS = 0;
+  private static final int FAILURE = 1;
 
-  private final int seconds = Integer.parseInt(find("^([1-9][0-9]{0,4})$",
-      System.getenv().getOrDefault("KESTREL_RECORD_SECONDS", "20"),
-      "KESTREL_RECORD_SECONDS is not a number of seconds"));
-  private final List<String> arguments;
-  private final Path work; // beside the bundle, so that to move things there and back is to rename
-  private final Map<Path, Path> replaced = new LinkedHashMap<>();
-  private final Path application;
-  private final Path home; // of its runtime
-  private int version; // of its runtime
-  private List<String> options; // that the launcher gives the JVM
-  private Path archive; // where the JVM looks for one
-
-  private Bundle(Path place, String command, List<String> arguments) throws IOException {
-    work = Files.createTempDirectory(Files.createDirectories(place.getParent()), ".bundle");
-    application = command.equals("bundle") ? work.resolve(place.getFileName()) : place;
-    home = application.resolve("Contents/jre/Contents/Home");
-    this.arguments = arguments;
-  }
+  private Bundle() {}
 
   public static void main(String[] args) {
-    Thread main = Thread.currentThread();
-    CompletableFuture<Void> done = new CompletableFuture<>();
-    // A signal unwinds what is under way, which ends its processes and deletes what it has made.
+    Thread worker = Thread.currentThread();
+    CompletableFuture<Integer> status = new CompletableFuture<>();
+    // A signal interrupts the worker, which then kills its child processes, restores the target and
+    // deletes its work folder. The hook keeps this JVM alive until that is done.
     Runtime.getRuntime().addShutdownHook(new Thread(() -> {
-      main.interrupt();
-      done.join();
+      worker.interrupt();
+      status.join();
     }));
-    int status = 1;
+    status.complete(perform(List.of(args)));
+    System.exit(status.join()); // never returns; a signal has set its own exit status before
+  }
+
+  private static int perform(List<String> args) {
     try {
-      perform(List.of(args));
-      status = 0;
-    } catch (InterruptedException | ClosedByInterruptException e) { // the signal has its own status
-    } catch (Exception e) { // which Ctrl-C also makes of programs that it ends
-      String message = e instanceof IllegalArgumentException ? e.getMessage() : e.toString();
-      if (!Thread.interrupted()) System.err.println("bundle: " + message);
-    }
-    done.complete(null);
-    System.exit(status);
-  }
-
-  private static void perform(List<String> args) throws Exception {
-    int end = args.contains("--") ? args.indexOf("--") : args.size();
-    String command = end == 0 ? "" : args.get(0);
-    check(command.matches(end > 3 ? "bundle|fill" : end == 2 ? "archive" : "-"), USAGE);
-    List<String> jars = end == 2 ? List.of() : findJars(args.subList(3, end));
-    Path place = absolute(args.get(1)).normalize();
-    check(Files.isDirectory(place.resolve("Contents")) || command.equals("bundle")
-        && Files.notExists(place), place + " is not a bundle");
-    try (Bundle bundle = new Bundle(place, command, args.stream().skip(end + 1).toList())) {
-      switch (command) {
-        case "bundle" -> bundle.make(place, absolute(args.get(2)), jars);
-        case "archive" -> bundle.prepare();
-        default -> bundle.fill(jars, args.get(2));
+      run(args);
+      return SUCCESS;
+    } catch (InterruptedException | ClosedByInterruptException e) {
+      return FAILURE; // a signal, which needs no message
+    } catch (Exception e) {
+      // Ctrl-C also ends the child processes, so a failure of theirs needs no message either.
+      if (!Thread.currentThread().isInterrupted()) {
+        System.err.println("bundle: " + (e instanceof UserError ? e.getMessage() : e.toString()));
       }
-      bundle.replaced.clear();
+      return FAILURE;
     }
-    say("the bundle is " + place);
   }
 
-  private void make(Path target, Path program, List<String> jars) throws Exception {
-    check(target.toString().matches("[^:\n]*\\.app"), target + " is not a name for a bundle");
-    check(program.toFile().isFile() && Files.isExecutable(program), program + " is not a program");
-    String runtime = System.getenv().getOrDefault("KESTREL_RUNTIME", "");
-    check(runtime.isEmpty() || Files.isExecutable(homeIn(Path.of(runtime)).resolve("bin/java")),
-        "KESTREL_RUNTIME=" + runtime + " is not a Java runtime");
-    assemble(program, jars, runtime);
-    prepare();
-    replace(application, target);
-  }
+  private static void run(List<String> args) throws IOException, InterruptedException {
+    int separator = args.indexOf("--");
+    List<String> words = separator < 0 ? args : args.subList(0, separator);
+    List<String> applicationArguments =
+        separator < 0 ? List.of() : args.subList(separator + 1, args.size());
 
-  private void fill(List<String> jars, String runtime) throws Exception {
-    if (!runtime.isEmpty()) checkMacLibrary(homeIn(Path.of(runtime)));
-    addJars(work, jars);
-    if (!runtime.isEmpty()) addRuntime(work, Path.of(runtime));
-    replace(file("lib"), application.resolve("Contents/lib"));
-    replace(file("jre"), application.resolve("Contents/jre"));
-  }
-
-  /** Moves what was made, if it was, to its place; what was there is kept until all is well. */
-  private void replace(Path made, Path place) throws IOException {
-    Path kept = file("replaced" + replaced.size());
-    if (replaced.putIfAbsent(place, kept) != null) delete(place);
-    if (Files.exists(place, LinkOption.NOFOLLOW_LINKS)) Files.move(place, kept);
-    if (Files.exists(made)) Files.move(made, place);
-  }
-
-  @Override public void close() throws IOException {
-    for (Path place : replaced.keySet()) {
-      delete(place);
-      if (Files.exists(replaced.get(place))) Files.move(replaced.get(place), place);
+    String command = words.isEmpty() ? "" : words.get(0);
+    if (command.equals("bundle") && words.size() > 3) {
+      makeBundle(words, applicationArguments);
+    } else if (command.equals("macos") && words.size() > 3 && separator < 0) {
+      makeMacBundle(words);
+    } else if (command.equals("check") && words.size() > 1 && separator < 0) {
+      check(words.get(1), words.subList(2, words.size()));
+    } else {
+      throw new UserError(USAGE);
     }
-    delete(work);
   }
 
-  private static void check(boolean good, String message) {
-    if (!good) throw new IllegalArgumentException(message);
+  /** Checks what the other commands are given, without making anything. */
+  private static void check(String command, List<String> items) throws IOException {
+    switch (command) {
+      case "bundle" -> {
+        recordTime();
+        givenRuntime();
+      }
+      case "macos" -> givenMacRuntime();
+      default -> throw new UserError(USAGE);
+    }
+    if (!items.isEmpty()) {
+      ApplicationFiles.find(items);
+    }
   }
 
-  private static Path absolute(String name) {
-    check(!name.isEmpty(), "a name is empty");
+  /** A bundle for this machine with a runtime that is prepared for the application. */
+  private static void makeBundle(List<String> words, List<String> applicationArguments)
+      throws IOException, InterruptedException {
+    Path target = targetPath(words.get(1));
+    Path launcher = absolutePath(words.get(2));
+    Duration recordTime = recordTime();
+    Optional<Path> givenRuntime = givenRuntime();
+    ApplicationFiles files = ApplicationFiles.find(words.subList(3, words.size()));
+
+    try (WorkFolder work = new WorkFolder(target)) {
+      Layout made = new Layout(work.bundle());
+      assemble(made, launcher, files);
+      if (givenRuntime.isPresent()) {
+        JavaRuntime.copy(givenRuntime.get(), made.runtime());
+      } else {
+        JavaRuntime.link(made, work);
+      }
+      JavaRuntime runtime = JavaRuntime.in(made);
+      runtime.addLauncherLibrary();
+
+      ClassArchive archive = new ClassArchive(work, runtime.version(), applicationArguments);
+      archive.findOptions(made);
+      archive.recordClasses(made, recordTime);
+      archive.write(made);
+      Trees.makeReadableForAll(made.root());
+      work.putInPlace();
+      archive.proveUse(new Layout(target));
+      work.keepBundle();
+    }
+    say("the bundle is " + target);
+  }
+
+  /** A bundle for Macs around a launcher that was built for them; the runtime is optional. */
+  private static void makeMacBundle(List<String> words) throws IOException, InterruptedException {
+    Path target = targetPath(words.get(1));
+    Path launcher = absolutePath(words.get(2));
+    Optional<Path> givenRuntime = givenMacRuntime();
+    ApplicationFiles files = ApplicationFiles.find(words.subList(3, words.size()));
+
+    try (WorkFolder work = new WorkFolder(target)) {
+      Layout made = new Layout(work.bundle());
+      assemble(made, launcher, files);
+      if (givenRuntime.isPresent()) {
+        JavaRuntime.copy(givenRuntime.get(), made.runtime());
+      }
+      Trees.makeReadableForAll(made.root());
+      work.putInPlace();
+      work.keepBundle();
+    }
+    say("the bundle is " + target);
+  }
+
+  /** Everything in a bundle but the Java runtime. */
+  private static void assemble(Layout bundle, Path launcher, ApplicationFiles files)
+      throws IOException, InterruptedException {
+    if (!Files.isRegularFile(launcher) || !Files.isExecutable(launcher)) {
+      throw new UserError(launcher + " is not an executable file");
+    }
+    Files.createDirectories(bundle.launcher().getParent());
+    Files.createDirectories(bundle.jars());
+    Trees.copy(launcher, bundle.launcher());
+    // A launcher for Macs is built into the skeleton of a bundle, which has these as well.
+    for (String name : List.of("Info.plist", "Resources")) {
+      Path source = launcher.getParent().resolveSibling(name);
+      if (Files.exists(source)) {
+        Trees.copy(source, bundle.contents().resolve(name));
+      }
+    }
+    for (Path jar : files.jars()) {
+      Trees.copy(jar, bundle.jars().resolve(jar.getFileName()));
+    }
+    for (Path library : files.libraries()) {
+      Trees.copy(library, bundle.launcher().resolveSibling(library.getFileName()));
+    }
+  }
+
+  private static Path targetPath(String name) {
+    Path target = absolutePath(name).normalize();
+    // A colon in it would end an entry of the class path.
+    if (!target.toString().matches("[^:]*\\.app")) {
+      throw new UserError("the bundle's path must end in .app and contain no colon: " + target);
+    }
+    if (Files.exists(target) && !Files.isDirectory(target.resolve("Contents"))) {
+      throw new UserError(target + " exists and is not a bundle");
+    }
+    return target;
+  }
+
+  private static Path absolutePath(String name) {
+    if (name.isEmpty()) {
+      throw new UserError("empty file name");
+    }
     return Path.of(name).toAbsolutePath();
   }
 
-  /** The jars given and those in folders given, which must be what the launcher can start. */
-  private static List<String> findJars(List<String> given) {
-    List<String> jars = new ArrayList<>();
-    for (String name : given) {
-      File[] inside = absolute(name).toFile().listFiles((folder, file) -> file.endsWith(".jar"));
-      check(inside == null || inside.length > 0, "no jar in " + name);
-      if (inside == null) jars.add(absolute(name).toString());
-      else Stream.of(inside).sorted().map(File::getPath).forEach(jars::add);
+  private static Duration recordTime() {
+    String seconds = environment("KESTREL_RECORD_SECONDS").orElse("20");
+    if (!seconds.matches("[1-9][0-9]{0,4}")) {
+      throw new UserError("KESTREL_RECORD_SECONDS must be a number from 1 to 99999: " + seconds);
     }
-    Set<String> names = new HashSet<>();
-    for (String jar : jars) { // whatever the case: a Mac's file system takes both for one
-      String name = new File(jar).getName();
-      check(names.add(name.toLowerCase(Locale.ROOT)), "two jars are named " + name);
+    return Duration.ofSeconds(Long.parseLong(seconds));
+  }
+
+  private static Optional<Path> givenRuntime() {
+    Optional<Path> runtime = environment("KESTREL_RUNTIME").map(Bundle::absolutePath);
+    if (runtime.isPresent()
+        && !Files.isExecutable(JavaRuntime.homeIn(runtime.get()).resolve("bin/java"))) {
+      throw new UserError("KESTREL_RUNTIME=" + runtime.get() + " is not a Java runtime");
     }
-    List<String> found = jars.stream().filter(Bundle::hasEntry).toList();
-    check(found.size() == 1, "one jar has to hold " + ENTRY + ".class, not these: " + found);
-    return jars;
+    return runtime;
   }
 
-  private static boolean hasEntry(String jar) {
-    check(jar.matches(".*/[^:\n]*\\.jar"), jar + " is not a name for a jar on a class path");
-    check(new File(jar).isFile(), jar + " does not exist or is not a file");
-    Pattern entry = Pattern.compile("(META-INF/versions/[0-9]+/)?" + ENTRY + "\\.class");
-    try (ZipFile zip = new ZipFile(jar)) {
-      return zip.stream().anyMatch(file -> entry.matcher(file.getName()).matches());
-    } catch (IOException e) {
-      throw new IllegalArgumentException(jar + " is not a jar, or cut off: " + e.getMessage());
+  private static Optional<Path> givenMacRuntime() throws IOException {
+    Optional<Path> runtime = environment("KESTREL_MACOS_RUNTIME").map(Bundle::absolutePath);
+    if (runtime.isPresent()) {
+      JavaRuntime.checkForMac(JavaRuntime.homeIn(runtime.get()));
     }
+    return runtime;
   }
 
-  /** A Mach-O library for one processor, or the table at the head of one for several. */
-  private static void checkMacLibrary(Path home) throws IOException {
-    Path library = home.resolve("lib/libjli.dylib");
-    String name = System.getenv().getOrDefault("KESTREL_MACOS_ARCH", "x86_64");
-    String type = name.equals("arm64") ? "\\x0C" : "\\x07";
-    check(Files.isRegularFile(library), library + " does not exist: not a Mac's Java runtime");
-    check(Files.readString(library, ISO_8859_1).matches(
-        "(?s)(\\xCF\\xFA\\xED\\xFE" + type + "\\x00\\x00\\x01.{4}\\x06|\\xCA\\xFE\\xBA\\xBE\\x00{3}"
-        + "[\\x01-\\x08](.{20}){0,7}?\\x01\\x00\\x00" + type + ").*"),
-        library + " is not a library for " + name + " Macs");
-  }
-
-  private void assemble(Path program, List<String> jars, String runtime) throws Exception {
-    Path contents = Files.createDirectories(application.resolve("Contents"));
-    copy(program, Files.createDirectory(contents.resolve("MacOS")).resolve("kestrel"));
-    for (String name : List.of("Info.plist", "Resources")) { // which lie beside a Mac's launcher
-      copy(program.getParent().resolveSibling(name), contents.resolve(name));
-    }
-    addJars(contents, jars);
-    if (runtime.isEmpty()) link(jars);
-    else addRuntime(contents, Path.of(runtime));
-    Path library = home.resolve("lib/libjli.dylib");
-    if (System.getProperty("os.name").startsWith("Mac")) checkMacLibrary(home);
-    else if (Files.notExists(library)) // the JVM's own library exports the same function
-      Files.createSymbolicLink(library, Path.of("server/libjvm.so"));
-  }
-
-  /** Where in a folder the runtime lies, which for Macs may be Contents/Home. */
-  private static Path homeIn(Path runtime) {
-    Path home = runtime.resolve("Contents/Home");
-    return Files.isDirectory(home) ? home : runtime;
-  }
-
-  /** With their time stamps, by which the JVM knows them, and readable for everybody. */
-  private static void addJars(Path contents, List<String> jars) throws Exception {
-    Path lib = Files.createDirectory(contents.resolve("lib"));
-    for (String jar : jars) {
-      Path to = lib.resolve(Path.of(jar).getFileName());
-      copy(Path.of(jar), to);
-      to.toFile().setReadable(true, false);
-    }
-  }
-
-  private static void addRuntime(Path contents, Path runtime) throws Exception {
-    Path about = Files.createDirectory(contents.resolve("jre")).resolve("Contents");
-    if (homeIn(runtime) != runtime) copy(runtime.resolve("Contents"), about);
-    else copy(runtime, Files.createDirectory(about).resolve("Home"));
-  }
-
-  /** Copies what is there, but for files that only a debugger of the JVM itself reads. */
-  private static void copy(Path source, Path target) throws Exception {
-    Path from = Files.exists(source) ? source.toRealPath() : source;
-    for (Path path : tree(from)) {
-      if (Thread.interrupted()) throw new InterruptedException();
-      Path to = target.resolve(from.relativize(path).toString());
-      boolean isLink = Files.isSymbolicLink(path);
-      if (path.toString().matches(".*\\.(debuginfo|diz|dSYM)(/.*)?")) continue;
-      if (isLink && Files.readSymbolicLink(path).isAbsolute()) copy(path, to); // as to /etc
-      else if (!isLink && Files.isDirectory(path)) Files.createDirectory(to);
-      else Files.copy(path, to, StandardCopyOption.COPY_ATTRIBUTES, LinkOption.NOFOLLOW_LINKS);
-    }
-  }
-
-  private static List<Path> tree(Path root) throws IOException {
-    try (Stream<Path> paths = Files.exists(root) ? Files.walk(root) : Stream.empty()) {
-      return paths.toList();
-    }
-  }
-
-  private static void delete(Path root) throws IOException {
-    List<Path> paths = tree(root);
-    for (int i = paths.size() - 1; i >= 0; i--) Files.delete(paths.get(i));
-  }
-
-  private void link(List<String> jars) throws Exception {
-    say("looking for the modules that the jars use");
-    String modules = "java.base,java.desktop,jdk.jdwp.agent," + modulesOf(jars, jars)
-        + System.getenv().getOrDefault("KESTREL_MODULES", "");
-    modules = String.join(",", new TreeSet<>(List.of(modules.split("[,\\s]+"))));
-    say("linking a runtime of " + modules);
-    Files.createDirectories(home.getParent());
-    check(run(TOOLS + "jlink", List.of(QUICK, "--add-modules", modules, "--no-header-files",
-        "--no-man-pages", "--strip-java-debug-attributes", "--exclude-files=**.debuginfo,**.diz",
-        "--output", home.toString())) == 0, "jlink: " + reason());
-  }
-
-  /** Some jars can be read only all together, and some not at all: modules with others missing. */
-  private String modulesOf(List<String> some, List<String> jars) throws Exception {
-    List<String> words = new ArrayList<>(List.of(QUICK, "-q", "--ignore-missing-deps",
-        "--print-module-deps", "--multi-release", "" + Runtime.version().feature(),
-        "--class-path", String.join(":", jars)));
-    words.addAll(some);
-    String found = run(TOOLS + "jdeps", words) == 0 ? read("output").strip() : "";
-    if (!found.isEmpty()) return found.substring(found.lastIndexOf('\n') + 1) + ",";
-    String modules = some.size() == 1 ? "java.se,jdk.unsupported," : "";
-    if (some.size() == 1) say("jdeps cannot read " + some.get(0) + ": taking all of Java SE");
-    else for (String jar : some) modules += modulesOf(List.of(jar), jars);
-    return modules;
-  }
-
-  private void prepare() throws Exception {
-    version = Integer.parseInt(find("JAVA_VERSION=\"([0-9]+)", read(home + "/release"),
-        home + " is not a Java runtime"));
-    check(home.toRealPath().startsWith(application.toRealPath()), home + " is a link to elsewhere");
-    findOptions();
-    record();
-    dump("-XX:+AOTClassLinking");
-    if (prove()) return;
-    say("this JVM does not start with linked classes: once more without -XX:+AOTClassLinking");
-    dump("-XX:-AOTClassLinking");
-    check(prove(), "the JVM does not take the archive: " + reason());
-  }
-
-  /** A first start shows what the launcher gives the JVM, and where that looks for an archive. */
-  private void findOptions() throws Exception {
-    boolean started = reachesMain("");
-    check(started || !read("output").contains("UseCompactObjectHeaders"), "JDK " + version
-        + " refuses the launcher's -XX:+UseCompactObjectHeaders: take JDK 25 or later, or set"
-        + " KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, which every start of the bundle then needs");
-    check(started, "the application does not start: " + reason());
-    options = find("(?s)startJVM JVM Args: *\n\t(.*?)\n\t\n", read(LOG), "no options in the log")
-        .lines().map(line -> line.replaceFirst("^\t", ""))
-        .filter(option -> !option.matches("vfprintf|exit|abort|-Xlog:cds(,aot)?")).toList();
-    archive = home.resolve("lib/server").resolve(
-        find("trying to map .*/(.*jsa)", read(LOG), "the JVM looks for no archive"));
-  }
-
-  /** Starts the application without its launcher, since a JVM completes the record when it ends. */
-  private void record() throws Exception {
-    say("recording the classes of a start, for " + seconds + " s or until it ends");
-    List<String> words = new ArrayList<>(options);
-    words.addAll(version < 28 ? List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + file("list"))
-        : List.of("-XX:AOTMode=record", "-XX:AOTConfiguration=" + file("list")));
-    // The launcher's stack size is not for main, which there has a thread that is not the JVM's.
-    words.addAll(List.of("-Xss8m", ENTRY, application + LAUNCHER));
-    words.addAll(arguments);
-    int status = run(home + "/bin/java", words, seconds, "");
-    check(!read("output").matches("(?s).*(# A fatal|Error: (Linkage|Could not|Main method)).*"),
-        "the application cannot be started: " + reason());
-    say("it ended with status " + status + (status == 0 || status == 143 ? "" : ": " + reason()));
-    // Who had to be killed may have left half a line, or half a cache.
-    if (version < 28) Files.writeString(file("list"), find("(?s)(.*\n)", read("list"), "no class"));
-    else if (status == 137) Files.deleteIfExists(file("list"));
-  }
-
-  private void dump(String linking) throws Exception {
-    say("dumping the archive");
-    List<String> words = new ArrayList<>(options);
-    // All classes are written at once. Before 24 those of jars hold only where these lie.
-    words.addAll(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g",
-        version < 24 ? "-Djava.class.path=" : linking));
-    // A JDK from 28 on links classes in no archive but a cache, which it takes for one.
-    words.addAll(version >= 28 && Files.exists(file("list"))
-        ? List.of("-XX:AOTMode=create", "-XX:AOTConfiguration=" + file("list"),
-            "-XX:AOTCache=" + file("made"))
-        : List.of("-Xshare:dump", "-XX:SharedArchiveFile=" + file("made"),
-            "-XX:SharedClassListFile=" + (version < 28 ? file("list") : home + "/lib/classlist")));
-    run(home + "/bin/java", words);
-    check(Files.exists(file("made")), "the JVM makes no archive: " + reason());
-    replace(file("made"), archive);
-  }
-
-  /** With -Xshare:on a JVM that cannot use its archive ends; otherwise it goes on without. */
-  private boolean prove() throws Exception {
-    if (!reachesMain("-Xshare:on")) return false;
-    say("the JVM maps " + archive.getFileName() + ", " + (Files.size(archive) >> 20) + " MiB; "
-        + "linked classes: " + read(LOG).contains("AOT-linked classes: true")
-        + ", full module graph: " + read(LOG).contains("full module graph: enabled"));
-    return true;
-  }
-
-  private boolean reachesMain(String option) throws Exception {
-    String logging = version < 24 ? " -Xlog:cds" : " -Xlog:cds,aot";
-    run(application + LAUNCHER, arguments, 120, option + logging);
-    return read(LOG).contains("JVM calling main");
-  }
-
-  private int run(String program, List<String> words) throws Exception {
-    return run(program, words, Integer.MAX_VALUE, "");
-  }
-
-  /** Runs a program until it ends, the launcher comes to main, or the time is over. */
-  private int run(String program, List<String> words, int limit, String jvm) throws Exception {
-    delete(file("logs"));
-    Files.writeString(file("output"), "");
-    ProcessBuilder builder = new ProcessBuilder(program).redirectInput(new File("/dev/null"))
-        .redirectOutput(Redirect.appendTo(file("output").toFile())).redirectErrorStream(true);
-    builder.command().addAll(words);
-    builder.environment().keySet().removeIf(name -> name.matches("CLASSPATH|NORVALED_DEBUG_PORT"
-        + "|KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE|(JDK)?_JAVA_OPTIONS|JAVA_TOOL_OPTIONS"));
-    builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file("logs").toString());
-    builder.environment().merge("NORVALED_JVM_ARGS", jvm, (old, more) -> old + " " + more);
-    Process child = builder.start();
-    Set<ProcessHandle> started = new LinkedHashSet<>(); // by it, who may outlive it
-    try {
-      long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(limit);
-      boolean told = false;
-      while (!child.waitFor(20, TimeUnit.MILLISECONDS) && !read(LOG).contains("JVM calling main")) {
-        child.descendants().forEach(started::add);
-        // What an application says without end is not to fill the disk.
-        if (Files.size(file("output")) > 1 << 20) Files.writeString(file("output"), "");
-        told = told || System.nanoTime() > end && child.toHandle().destroy();
-        if (System.nanoTime() > end + TimeUnit.SECONDS.toNanos(10)) break;
-      }
-    } finally {
-      child.descendants().forEach(started::add);
-      child.destroyForcibly().onExit().join();
-      for (ProcessHandle one : started)
-        Stream.concat(Stream.of(one), one.descendants()).forEach(ProcessHandle::destroyForcibly);
-    }
-    return child.exitValue();
-  }
-
-  /** The exception that ended a program, or what it said last. */
-  private String reason() throws IOException {
-    String text = read(LOG).replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "");
-    List<String> lines = (text + read("output")).lines().filter(
-        line -> !line.matches("(?i)[#\\s]*|\\s+(at |-).*|.*warning.*|.*---- .native.*")).toList();
-    Stream<String> error = lines.stream().filter(l -> l.matches(".*(Exception|Error|SIG.*).*"));
-    return Stream.concat(lines.stream(), error).reduce("no message", (a, b) -> b.strip());
-  }
-
-  private Path file(String name) {
-    return work.resolve(name);
-  }
-
-  private String read(String name) throws IOException {
-    return Files.exists(file(name)) ? new String(Files.readAllBytes(file(name)), UTF_8) : "";
-  }
-
-  private static String find(String pattern, String text, String otherwise) {
-    Matcher matcher = Pattern.compile(pattern).matcher(text);
-    check(matcher.find(), otherwise);
-    return matcher.group(1);
+  /** The value of an environment variable; one that is empty counts as unset. */
+  private static Optional<String> environment(String name) {
+    return Optional.ofNullable(System.getenv(name)).filter(value -> !value.isEmpty());
   }
 
   private static void say(String text) {
     System.out.println("bundle: " + text);
+  }
+
+  /** An error that the user can correct; its message is printed as it is. */
+  private static final class UserError extends RuntimeException {
+    private static final long serialVersionUID = 1;
+
+    UserError(String message) {
+      super(message);
+    }
+  }
+
+  /** Where things are in a bundle. */
+  private record Layout(Path root) {
+    Path contents() {
+      return root.resolve("Contents");
+    }
+
+    Path launcher() {
+      return contents().resolve("MacOS/kestrel");
+    }
+
+    Path jars() {
+      return contents().resolve("lib");
+    }
+
+    Path runtime() {
+      return contents().resolve("jre");
+    }
+
+    Path runtimeHome() {
+      return runtime().resolve("Contents/Home");
+    }
+  }
+
+  /** The application's jars and native libraries, as the command line names them. */
+  private record ApplicationFiles(List<Path> jars, List<Path> libraries) {
+    private static final Pattern JAR = Pattern.compile(".*\\.jar");
+    private static final Pattern LIBRARY = Pattern.compile(".*\\.(so|dylib|jnilib)");
+    private static final Pattern ENTRY =
+        Pattern.compile("(META-INF/versions/[0-9]+/)?" + ENTRY_CLASS + "\\.class");
+
+    static ApplicationFiles find(List<String> items) throws IOException {
+      ApplicationFiles files = new ApplicationFiles(new ArrayList<>(), new ArrayList<>());
+      for (String item : items) {
+        Path path = absolutePath(item);
+        if (Files.isDirectory(path)) {
+          files.addFolder(path);
+        } else if (!files.add(path)) {
+          throw new UserError(path + " is neither a jar, nor a native library, nor a folder");
+        }
+      }
+      files.checkNames();
+      files.checkEntryClass();
+      return files;
+    }
+
+    private void addFolder(Path folder) throws IOException {
+      boolean found = false;
+      for (Path file : Trees.entries(folder)) {
+        if (!Trees.isMacMetadata(file) && !Files.isDirectory(file)) {
+          found |= add(file);
+        }
+      }
+      if (!found) {
+        throw new UserError("no jar or native library in " + folder);
+      }
+    }
+
+    /** Returns false for any other kind of file. */
+    private boolean add(Path file) {
+      String name = file.getFileName().toString();
+      if (JAR.matcher(name).matches()) {
+        jars.add(file);
+      } else if (LIBRARY.matcher(name).matches()) {
+        libraries.add(file);
+      } else {
+        return false;
+      }
+      if (!Files.isRegularFile(file)) {
+        throw new UserError(file + " does not exist or is not a file");
+      }
+      return true;
+    }
+
+    private void checkNames() {
+      for (List<Path> files : List.of(jars, libraries)) {
+        Set<String> names = new HashSet<>();
+        for (Path file : files) {
+          String name = file.getFileName().toString();
+          if (name.contains(":")) { // which separates the entries of a class path
+            throw new UserError("a file's name must not contain a colon: " + file);
+          }
+          // A Mac's file system usually ignores case.
+          if (!names.add(name.toLowerCase(Locale.ROOT))) {
+            throw new UserError("two files are named " + name);
+          }
+        }
+      }
+    }
+
+    private void checkEntryClass() {
+      List<Path> withEntry = new ArrayList<>();
+      for (Path jar : jars) {
+        if (containsEntryClass(jar)) {
+          withEntry.add(jar);
+        }
+      }
+      if (withEntry.isEmpty()) {
+        throw new UserError("no jar contains " + ENTRY_CLASS + ".class");
+      }
+      if (withEntry.size() > 1) {
+        throw new UserError("more than one jar contains " + ENTRY_CLASS + ".class: " + withEntry);
+      }
+    }
+
+    private static boolean containsEntryClass(Path jar) {
+      try (ZipFile zip = new ZipFile(jar.toFile())) {
+        return zip.stream().anyMatch(entry -> ENTRY.matcher(entry.getName()).matches());
+      } catch (IOException e) {
+        throw new UserError(jar + " is not a jar or is truncated: " + e.getMessage());
+      }
+    }
+  }
+
+  /** The Java runtime in a bundle. */
+  private record JavaRuntime(Path home, int version) {
+    private static final String TOOLS = System.getProperty("java.home") + "/bin/";
+    private static final String FAST_START = "-J-XX:TieredStopAtLevel=1"; // halves a tool's time
+    private static final Pattern RELEASE = Pattern.compile("JAVA_VERSION=\"([0-9]+)");
+    private static final Pattern MODULE_LIST = Pattern.compile("[A-Za-z0-9_.,]+");
+
+    static JavaRuntime in(Layout bundle) throws IOException {
+      Path home = bundle.runtimeHome();
+      Matcher matcher = RELEASE.matcher(Trees.read(home.resolve("release")));
+      if (!matcher.find()) {
+        throw new UserError(home + " is not a Java runtime: its file release names no version");
+      }
+      return new JavaRuntime(home, Integer.parseInt(matcher.group(1)));
+    }
+
+    /** A JDK's folder, or its subfolder Contents/Home where it is packed for Macs. */
+    static Path homeIn(Path folder) {
+      Path home = folder.resolve("Contents/Home");
+      return Files.isDirectory(home) ? home : folder;
+    }
+
+    static void checkForMac(Path home) throws IOException {
+      Path library = home.resolve("lib/libjli.dylib");
+      if (!Files.isRegularFile(library)) {
+        throw new UserError("not a macOS Java runtime: " + library + " is missing");
+      }
+      String architecture = environment("KESTREL_MACOS_ARCH").orElse("x86_64");
+      if (!MachO.isLibraryFor(architecture, library)) {
+        throw new UserError(library + " is not a library for " + architecture + " Macs");
+      }
+    }
+
+    static void copy(Path source, Path target) throws IOException, InterruptedException {
+      if (homeIn(source).equals(source)) {
+        Files.createDirectories(target.resolve("Contents"));
+        Trees.copy(source, target.resolve("Contents/Home"));
+      } else {
+        Files.createDirectories(target);
+        Trees.copy(source.resolve("Contents"), target.resolve("Contents"));
+      }
+    }
+
+    /** Links a runtime with the modules that the bundle's jars use. */
+    static void link(Layout bundle, WorkFolder work) throws IOException, InterruptedException {
+      say("looking for the modules that the jars use");
+      // java.desktop: the launcher opens its packages; jdk.jdwp.agent: a debugger's port needs it.
+      Set<String> modules =
+          new TreeSet<>(List.of("java.base", "java.desktop", "jdk.jdwp.agent"));
+      modules.addAll(modulesUsedBy(Trees.entries(bundle.jars()), work));
+      for (String name : environment("KESTREL_MODULES").orElse("").split("[,\\s]+")) {
+        if (!name.isEmpty()) {
+          modules.add(name);
+        }
+      }
+      String names = String.join(",", modules);
+      say("linking a runtime with modules " + names);
+      Files.createDirectories(bundle.runtimeHome().getParent());
+      ChildProcess jlink = new ChildProcess(work, TOOLS + "jlink", FAST_START,
+          "--add-modules", names, "--no-header-files", "--no-man-pages",
+          "--exclude-files=**.debuginfo,**.diz", "--output", bundle.runtimeHome().toString());
+      if (jlink.run() != SUCCESS) {
+        throw new UserError("jlink: " + jlink.lastError());
+      }
+    }
+
+    private static List<String> modulesUsedBy(List<Path> jars, WorkFolder work)
+        throws IOException, InterruptedException {
+      // The launcher puts all jars on the class path, where the JVM ignores module descriptors.
+      // With them, jdeps fails if a module that one of them requires is missing.
+      Path plainJars = Files.createDirectory(work.path("jars"));
+      List<String> names = new ArrayList<>();
+      for (Path jar : jars) {
+        Path plain = plainJars.resolve(jar.getFileName());
+        copyWithoutModuleDescriptors(jar, plain);
+        names.add(plain.toString());
+      }
+      ChildProcess jdeps = new ChildProcess(work, TOOLS + "jdeps", FAST_START, "-q",
+          "--ignore-missing-deps", "--print-module-deps", "--multi-release",
+          Integer.toString(Runtime.version().feature()));
+      jdeps.addArguments(List.of("--class-path", String.join(File.pathSeparator, names)));
+      jdeps.addArguments(names);
+      int status = jdeps.run();
+      String modules = jdeps.lastLine();
+      if (status != SUCCESS || !MODULE_LIST.matcher(modules).matches()) {
+        say("jdeps cannot analyse the jars; including all of Java SE: " + jdeps.lastError());
+        return List.of("java.se", "jdk.unsupported");
+      }
+      return List.of(modules.split(","));
+    }
+
+    private static void copyWithoutModuleDescriptors(Path jar, Path target)
+        throws IOException, InterruptedException {
+      try (ZipFile zip = new ZipFile(jar.toFile());
+          ZipOutputStream copy =
+              new ZipOutputStream(new BufferedOutputStream(Files.newOutputStream(target)))) {
+        copy.setLevel(0); // it is read once
+        for (ZipEntry entry : Collections.list(zip.entries())) {
+          Trees.stopIfInterrupted();
+          if (!entry.getName().endsWith("module-info.class")) {
+            copy.putNextEntry(new ZipEntry(entry.getName()));
+            zip.getInputStream(entry).transferTo(copy);
+          }
+        }
+      }
+    }
+
+    /** Makes sure that the launcher finds its library in the runtime. */
+    void addLauncherLibrary() throws IOException {
+      Path library = home.resolve("lib/libjli.dylib");
+      if (System.getProperty("os.name").startsWith("Mac")) {
+        checkForMac(home);
+      } else if (Files.notExists(library)) {
+        // On Linux the JVM's own library exports the function that the launcher calls.
+        Files.createSymbolicLink(library, Path.of("server/libjvm.so"));
+      }
+    }
+  }
+
+  /** The head of a Mach-O file, as Apple's mach-o/loader.h and mach-o/fat.h describe it. */
+  private static final class MachO {
+    private static final int MAGIC_64 = 0xFEEDFACF;
+    private static final int UNIVERSAL_MAGIC = 0xCAFEBABE;
+    private static final int X86_64 = 0x01000007;
+    private static final int ARM64 = 0x0100000C;
+    private static final int DYNAMIC_LIBRARY = 6;
+    private static final int HEAD_SIZE = 16; // magic, processor, its subtype, type of file
+    private static final int UNIVERSAL_HEAD_SIZE = 8; // magic, number of parts
+    private static final int PART_SIZE = 20; // processor, subtype, offset, size, alignment
+    private static final int MOST_PARTS = 20; // a Java class has the same magic and more "parts"
+
+    static boolean isLibraryFor(String architecture, Path file) throws IOException {
+      int processor = architecture.equals("arm64") ? ARM64 : X86_64;
+      try (FileChannel channel = FileChannel.open(file)) {
+        ByteBuffer head = read(channel, 0, UNIVERSAL_HEAD_SIZE, ByteOrder.BIG_ENDIAN);
+        if (head.limit() < UNIVERSAL_HEAD_SIZE || head.getInt(0) != UNIVERSAL_MAGIC) {
+          return isLibraryAt(0, channel, processor);
+        }
+        int parts = head.getInt(4);
+        if (parts < 1 || parts > MOST_PARTS) {
+          return false;
+        }
+        ByteBuffer table =
+            read(channel, UNIVERSAL_HEAD_SIZE, parts * PART_SIZE, ByteOrder.BIG_ENDIAN);
+        for (int at = 0; at + PART_SIZE <= table.limit(); at += PART_SIZE) {
+          long offset = Integer.toUnsignedLong(table.getInt(at + 8));
+          if (table.getInt(at) == processor && isLibraryAt(offset, channel, processor)) {
+            return true;
+          }
+        }
+        return false;
+      }
+    }
+
+    private static boolean isLibraryAt(long offset, FileChannel channel, int processor)
+        throws IOException {
+      ByteBuffer head = read(channel, offset, HEAD_SIZE, ByteOrder.LITTLE_ENDIAN);
+      return head.limit() == HEAD_SIZE && head.getInt(0) == MAGIC_64
+          && head.getInt(4) == processor && head.getInt(12) == DYNAMIC_LIBRARY;
+    }
+
+    /** Fewer bytes than asked for at the end of the file. */
+    private static ByteBuffer read(FileChannel channel, long offset, int size, ByteOrder order)
+        throws IOException {
+      ByteBuffer bytes = ByteBuffer.allocate(size).order(order);
+      channel.read(bytes, offset);
+      return bytes.flip();
+    }
+  }
+
+  /**
+   * The class data sharing archive of a bundle's runtime: the JDK classes that the application
+   * loads, parsed and, if the JVM can, linked. Classes of the application's jars stay out: those in
+   * an archive name the place where it was written as their code source.
+   */
+  private static final class ClassArchive {
+    private static final Duration LAUNCH_LIMIT = Duration.ofSeconds(120);
+    private static final Pattern OPTIONS =
+        Pattern.compile("startJVM JVM Args: *\n\t(.*?)\n\t\n", Pattern.DOTALL);
+    private static final Pattern ARCHIVE_NAME = Pattern.compile("trying to map .*/([^/\n]*\\.jsa)");
+    private static final Pattern CANNOT_START =
+        Pattern.compile("# A fatal|Error: (Linkage|Could not|Main method)");
+    private static final Set<String> HOOKS = Set.of("vfprintf", "exit", "abort");
+
+    private final WorkFolder work;
+    private final List<String> arguments;
+    private final int version;
+    private final String logArchiveUse;
+    private List<String> options; // the launcher's
+    private String fileName; // in the folder of the JVM's library
+    private boolean linksClasses;
+
+    ClassArchive(WorkFolder work, int version, List<String> arguments) {
+      this.work = work;
+      this.version = version;
+      this.arguments = arguments;
+      linksClasses = version >= 24; // an older JVM cannot
+      logArchiveUse = version < 24 ? "-Xlog:cds" : "-Xlog:cds,aot";
+    }
+
+    /** Launches the bundle to learn which options it passes and which archive the JVM looks for. */
+    void findOptions(Layout bundle) throws IOException, InterruptedException {
+      ChildProcess application = launchUpToMain(bundle, logArchiveUse);
+      if (!application.reachedMain()) {
+        if (application.output().contains("UseCompactObjectHeaders")) {
+          throw new UserError("JDK " + version + " does not support -XX:+UseCompactObjectHeaders:"
+              + " use JDK 25 or later, or set KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, both here and"
+              + " whenever the bundle is launched");
+        }
+        throw new UserError("the application does not start: " + application.lastError());
+      }
+      options = new ArrayList<>();
+      String text = firstGroup(OPTIONS, application.log(), "the log shows no JVM options");
+      for (String option : text.split("\n\t")) {
+        if (!HOOKS.contains(option) && !option.equals(logArchiveUse)) {
+          options.add(option);
+        }
+      }
+      fileName = firstGroup(ARCHIVE_NAME, application.log(),
+          "cannot find out where the JVM expects its archive");
+    }
+
+    /** Runs the application under the runtime's own java, where it can exit of its own accord. */
+    void recordClasses(Layout bundle, Duration limit) throws IOException, InterruptedException {
+      say("recording the classes that the application loads, until it exits or for "
+          + limit.toSeconds() + " s");
+      ChildProcess java = java(bundle);
+      java.addArguments(options);
+      java.addArguments(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classList(),
+          // The launcher's -Xss does not apply to its main thread, but it does under java.
+          "-Xss8m", ENTRY_CLASS, bundle.launcher().toString()));
+      java.addArguments(arguments);
+      int status = java.run(limit);
+      if (CANNOT_START.matcher(java.output()).find()) {
+        throw new UserError("the application does not start: " + java.lastError());
+      }
+      boolean isExpected = status == SUCCESS || status == ChildProcess.TERMINATED;
+      say("the application exited with status " + status
+          + (isExpected ? "" : ": " + java.lastError()));
+
+      // A process that had to be killed may have left half a line.
+      String list = Trees.read(classList());
+      int end = list.lastIndexOf('\n') + 1;
+      if (end == 0) {
+        throw new UserError("no classes were recorded: " + java.lastError());
+      }
+      Files.writeString(classList(), list.substring(0, end));
+    }
+
+    /** Writes the archive to where the JVM looks for it, in place of an earlier one. */
+    void write(Layout bundle) throws IOException, InterruptedException {
+      say("writing the class archive");
+      Path made = work.path("archive");
+      ChildProcess java = java(bundle);
+      java.addArguments(options);
+      // All classes are in memory at once, hence the sizes.
+      java.addArguments(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g"));
+      java.addArguments(List.of("-Djava.class.path=", "-Xshare:dump",
+          "-XX:SharedClassListFile=" + classList(), "-XX:SharedArchiveFile=" + made));
+      if (linksClasses) {
+        java.addArguments(List.of("-XX:+AOTClassLinking"));
+      }
+      java.run();
+      if (!Files.exists(made)) {
+        throw new UserError("the JVM writes no archive: " + java.lastError());
+      }
+      Files.move(made, file(bundle), StandardCopyOption.REPLACE_EXISTING);
+      Trees.makeReadableForAll(file(bundle));
+    }
+
+    /** Launches the bundle, from where it will stay, to prove that the JVM uses the archive. */
+    void proveUse(Layout bundle) throws IOException, InterruptedException {
+      ChildProcess application = launchUpToMain(bundle, "-Xshare:on " + logArchiveUse);
+      if (!application.reachedMain() && linksClasses) {
+        say("the JVM does not start with linked classes; writing the archive without them");
+        linksClasses = false;
+        write(bundle);
+        application = launchUpToMain(bundle, "-Xshare:on " + logArchiveUse);
+      }
+      if (!application.reachedMain()) {
+        throw new UserError("the JVM does not use its archive: " + application.lastError());
+      }
+      String log = application.log();
+      say("archive in use: " + fileName + ", " + (Files.size(file(bundle)) >> 20) + " MiB"
+          + " (linked classes: " + yesOrNo(log.contains("AOT-linked classes: true"))
+          + ", full module graph: " + yesOrNo(log.contains("full module graph: enabled")) + ")");
+    }
+
+    private ChildProcess launchUpToMain(Layout bundle, String jvmOptions)
+        throws IOException, InterruptedException {
+      ChildProcess application = new ChildProcess(work, bundle.launcher().toString());
+      application.addArguments(arguments);
+      application.addJvmOptions(jvmOptions);
+      application.stopAtMain();
+      application.run(LAUNCH_LIMIT);
+      return application;
+    }
+
+    private ChildProcess java(Layout bundle) {
+      return new ChildProcess(work, bundle.runtimeHome().resolve("bin/java").toString());
+    }
+
+    private Path file(Layout bundle) {
+      return bundle.runtimeHome().resolve("lib/server").resolve(fileName);
+    }
+
+    private Path classList() {
+      return work.path("classes");
+    }
+
+    private static String yesOrNo(boolean value) {
+      return value ? "yes" : "no";
+    }
+
+    private static String firstGroup(Pattern pattern, String text, String otherwise) {
+      Matcher matcher = pattern.matcher(text);
+      if (!matcher.find()) {
+        throw new UserError(otherwise);
+      }
+      return matcher.group(1);
+    }
+  }
+
+  /** A program that runs to its end, to the application's main, or until its time is over. */
+  private static final class ChildProcess {
+    static final int TERMINATED = 143; // the exit status after SIGTERM
+    private static final Duration UNLIMITED = Duration.ofDays(365);
+    private static final Duration TIME_TO_EXIT = Duration.ofSeconds(10);
+    private static final long MOST_OUTPUT = 1 << 20; // bytes
+    // They would change what is recorded, or stop the program until a debugger attaches.
+    private static final List<String> REMOVED_VARIABLES =
+        List.of("CLASSPATH", "NORVALED_DEBUG_PORT", "KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE",
+            "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS", "JAVA_TOOL_OPTIONS");
+
+    private final Path outputFile;
+    private final Path logs;
+    private final ProcessBuilder builder;
+    private final Set<ProcessHandle> descendants = new LinkedHashSet<>(); // some may outlive it
+    private boolean stopsAtMain = false;
+
+    ChildProcess(WorkFolder work, String program, String... arguments) {
+      outputFile = work.path("output");
+      logs = work.path("logs");
+      builder = new ProcessBuilder(program);
+      addArguments(List.of(arguments));
+      builder.redirectInput(new File("/dev/null"));
+      builder.redirectErrorStream(true);
+      builder.redirectOutput(Redirect.appendTo(outputFile.toFile()));
+      builder.environment().keySet().removeAll(REMOVED_VARIABLES);
+      builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.toString());
+    }
+
+    void addArguments(List<String> arguments) {
+      builder.command().addAll(arguments);
+    }
+
+    /** JVM options for the launcher, after those that the user has set. */
+    void addJvmOptions(String options) {
+      builder.environment().merge("NORVALED_JVM_ARGS", options, (old, added) -> old + " " + added);
+    }
+
+    /** Lets run() end the launcher as soon as it calls the application's main. */
+    void stopAtMain() {
+      stopsAtMain = true;
+    }
+
+    int run() throws IOException, InterruptedException {
+      return run(UNLIMITED);
+    }
+
+    /**
+     * Runs the program and returns its exit status. When the limit is over, the program is asked to
+     * exit, and killed if it does not. Processes that it has started do not outlive this call.
+     */
+    int run(Duration limit) throws IOException, InterruptedException {
+      Trees.delete(logs);
+      Files.writeString(outputFile, "");
+      Process process = builder.start();
+      try {
+        long deadline = System.nanoTime() + limit.toNanos();
+        if (!waitFor(process, deadline)) {
+          process.destroy();
+          waitFor(process, deadline + TIME_TO_EXIT.toNanos());
+        }
+      } finally {
+        killAll(process);
+      }
+      return process.exitValue();
+    }
+
+    /** Returns false if the deadline has passed. */
+    private boolean waitFor(Process process, long deadline)
+        throws IOException, InterruptedException {
+      while (System.nanoTime() < deadline) {
+        if (process.waitFor(20, TimeUnit.MILLISECONDS) || (stopsAtMain && reachedMain())) {
+          return true;
+        }
+        process.descendants().forEach(descendants::add);
+        // An application that writes without end must not fill the disk.
+        if (Files.size(outputFile) > MOST_OUTPUT) {
+          Files.writeString(outputFile, "");
+        }
+      }
+      return false;
+    }
+
+    private void killAll(Process process) {
+      process.descendants().forEach(descendants::add);
+      process.destroyForcibly();
+      process.onExit().join();
+      for (ProcessHandle descendant : descendants) {
+        descendant.descendants().forEach(ProcessHandle::destroyForcibly);
+        descendant.destroyForcibly();
+      }
+    }
+
+    boolean reachedMain() throws IOException {
+      return log().contains("JVM calling main");
+    }
+
+    /** Standard output and standard error. */
+    String output() throws IOException {
+      return Trees.read(outputFile);
+    }
+
+    /** The native log, if the program was the launcher. */
+    String log() throws IOException {
+      return Trees.read(logs.resolve("kestrel-native.log"));
+    }
+
+    String lastLine() throws IOException {
+      String text = output().strip();
+      return text.substring(text.lastIndexOf('\n') + 1);
+    }
+
+    /** The last line that names an error, or else the last line, of the log and the output. */
+    String lastError() throws IOException {
+      // Of the log only what the JVM and the dynamic loader said is of use.
+      String messages =
+          log().replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "") + output();
+      String last = "no error message";
+      String lastNamed = null;
+      for (String line : messages.split("\n")) {
+        if (isNoise(line)) {
+          continue;
+        }
+        last = line.strip();
+        if (line.matches(".*(Exception|Error|SIG).*")) {
+          lastNamed = last;
+        }
+      }
+      return lastNamed != null ? lastNamed : last;
+    }
+
+    private static boolean isNoise(String line) {
+      return line.matches("[#\\s]*") // a crash report's empty lines
+          || line.matches("\\s+(at |-).*") // stack frames
+          || line.toLowerCase(Locale.ROOT).contains("warning")
+          || line.contains("---- (native)");
+    }
+  }
+
+  /**
+   * A folder beside the target in which a bundle is made, so that putting it in place is a rename.
+   * Closing it deletes the folder and, unless keepBundle() was called, restores the target.
+   */
+  private static final class WorkFolder implements Closeable {
+    private static final Pattern NAME = Pattern.compile("\\.bundle-([0-9]+)-.*");
+
+    private final Path target;
+    private final Path folder;
+    private boolean isPlaced = false;
+    private boolean isKept = false;
+
+    WorkFolder(Path target) throws IOException {
+      this.target = target;
+      Path parent = Files.createDirectories(target.getParent());
+      deleteAbandoned(parent);
+      folder = Files.createTempDirectory(parent, ".bundle-" + ProcessHandle.current().pid() + "-");
+    }
+
+    /** Deletes what a killed process has left. */
+    private static void deleteAbandoned(Path parent) throws IOException {
+      for (Path path : Trees.entries(parent)) {
+        Matcher matcher = NAME.matcher(path.getFileName().toString());
+        if (matcher.matches() && ProcessHandle.of(Long.parseLong(matcher.group(1))).isEmpty()) {
+          Trees.delete(path);
+        }
+      }
+    }
+
+    Path path(String name) {
+      return folder.resolve(name);
+    }
+
+    /** Where the bundle is made. */
+    Path bundle() {
+      return folder.resolve(target.getFileName());
+    }
+
+    private Path previous() {
+      return folder.resolve("previous");
+    }
+
+    void putInPlace() throws IOException {
+      if (Files.exists(target)) {
+        Files.move(target, previous());
+      }
+      Files.move(bundle(), target);
+      isPlaced = true;
+    }
+
+    void keepBundle() {
+      isKept = true;
+    }
+
+    @Override
+    public void close() throws IOException {
+      if (!isKept) {
+        if (isPlaced) {
+          Trees.delete(target);
+        }
+        if (Files.exists(previous())) {
+          Files.move(previous(), target);
+        }
+      }
+      Trees.delete(folder);
+    }
+  }
+
+  /** Files and folders. */
+  private static final class Trees {
+    // What only a debugger of the JVM itself reads.
+    private static final Pattern DEBUG_FILE = Pattern.compile(".*\\.(debuginfo|diz|dSYM)");
+
+    static void stopIfInterrupted() throws InterruptedException {
+      if (Thread.interrupted()) {
+        throw new InterruptedException();
+      }
+    }
+
+    /** What the Finder, or an archiver on a Mac, adds to folders. */
+    static boolean isMacMetadata(Path path) {
+      String name = path.getFileName().toString();
+      return name.equals(".DS_Store") || name.startsWith("._");
+    }
+
+    /** The entries of a folder, sorted. */
+    static List<Path> entries(Path folder) throws IOException {
+      try (Stream<Path> paths = Files.list(folder)) {
+        return paths.sorted().toList();
+      }
+    }
+
+    /** The text of a file, or nothing if it does not exist. */
+    static String read(Path file) throws IOException {
+      return Files.exists(file) ? new String(Files.readAllBytes(file), UTF_8) : "";
+    }
+
+    /** Copies a file or a folder but for debugging files and a Mac's metadata. */
+    static void copy(Path source, Path target) throws IOException, InterruptedException {
+      Path root = source.toRealPath();
+      List<Path> skipped = new ArrayList<>();
+      List<Path> paths;
+      try (Stream<Path> walk = Files.walk(root)) {
+        paths = walk.toList();
+      }
+      for (Path path : paths) {
+        stopIfInterrupted();
+        if (skipped.stream().anyMatch(path::startsWith)) {
+          continue;
+        }
+        Path copy = target.resolve(root.relativize(path).toString());
+        if (isMacMetadata(path) || DEBUG_FILE.matcher(path.getFileName().toString()).matches()) {
+          skipped.add(path);
+        } else if (Files.isSymbolicLink(path)) {
+          copyLink(path, copy, root);
+        } else if (Files.isDirectory(path)) {
+          Files.createDirectory(copy);
+        } else {
+          Files.copy(path, copy, StandardCopyOption.COPY_ATTRIBUTES);
+        }
+      }
+    }
+
+    /** A link that leads out of the folder, such as a JDK's to /etc, becomes what it leads to. */
+    private static void copyLink(Path link, Path copy, Path root)
+        throws IOException, InterruptedException {
+      Path destination = Files.readSymbolicLink(link);
+      boolean staysInside = !destination.isAbsolute()
+          && link.resolveSibling(destination).normalize().startsWith(root);
+      if (staysInside) {
+        Files.createSymbolicLink(copy, destination);
+      } else if (Files.exists(link)) {
+        copy(link, copy);
+      } else {
+        throw new UserError(link + " is a link to " + destination + ", which does not exist");
+      }
+    }
+
+    static void delete(Path root) throws IOException {
+      if (Files.notExists(root, LinkOption.NOFOLLOW_LINKS)) {
+        return;
+      }
+      try (Stream<Path> walk = Files.walk(root)) {
+        for (Path path : walk.sorted(Comparator.reverseOrder()).toList()) { // children first
+          Files.delete(path);
+        }
+      }
+    }
+
+    /** Whatever the umask was: folders and programs must be executable for everybody, too. */
+    static void makeReadableForAll(Path root) throws IOException {
+      try (Stream<Path> walk = Files.walk(root)) {
+        for (Path path : walk.toList()) {
+          if (Files.isSymbolicLink(path)) {
+            continue;
+          }
+          Set<PosixFilePermission> permissions = Files.getPosixFilePermissions(path);
+          permissions.addAll(Set.of(PosixFilePermission.OWNER_READ, PosixFilePermission.GROUP_READ,
+              PosixFilePermission.OTHERS_READ));
+          if (permissions.contains(PosixFilePermission.OWNER_EXECUTE)) {
+            permissions.addAll(Set.of(PosixFilePermission.GROUP_EXECUTE,
+                PosixFilePermission.OTHERS_EXECUTE));
+          }
+          Files.setPosixFilePermissions(path, permissions);
+        }
+      }
+    }
   }
 }
