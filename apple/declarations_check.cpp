@@ -1,5 +1,5 @@
-// What the launcher assumes of Apple's interfaces. It holds or fails at compile time: with Apple's
-// SDK for the SDK, elsewhere for the declarations that stand in for it.
+// What the launcher assumes about Apple's interfaces: compile-time checks of Apple's SDK where
+// there is one, and of the replacement declarations in apple/include elsewhere.
 #include <CoreFoundation/CoreFoundation.h>
 #include <objc/runtime.h>
 

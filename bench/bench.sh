@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# bench.sh BUILD-FOLDER [ROUNDS]: measures how fast starts are, with JAVA_HOME set.
+# bench.sh BUILD-FOLDER [ROUNDS]: measures how fast launches are. Needs JAVA_HOME. The first table has ten
+# times the rounds.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$(cd "$1" && pwd)
@@ -14,7 +15,7 @@ section() { printf '\n## %s\n\n' "$1"; }
 measure() { "$build/bench/measure" "$@"; }
 launcher() { echo "$work/$1.app/Contents/MacOS/kestrel"; }
 
-# bundle NAME: leaves the place of its runtime in `home`.
+# bundle NAME: makes a bundle without a runtime. Sets `home` to where its runtime belongs.
 bundle() {
   local contents=$work/$1.app/Contents
   home=$contents/jre/Contents/Home
@@ -23,7 +24,7 @@ bundle() {
   cp -p "$sample" "$contents/lib"
 }
 
-# link NAME JLINK-OPTION...: a bundle with what jlink alone makes.
+# link NAME JLINK-OPTION...: makes a bundle with a plain jlink runtime.
 link() {
   bundle "$1"
   "$JAVA_HOME/bin/jlink" --add-modules java.base,java.desktop,jdk.jdwp.agent --strip-debug \
@@ -31,29 +32,39 @@ link() {
   ln -s server/libjvm.so "$home/lib/libjli.dylib"
 }
 
-# prepare NAME JAR... [-- ARG...]: a bundle as ./dev bundle makes it.
+# prepare NAME JAR... [-- ARG...]: makes a bundle as ./dev bundle does.
 prepare() {
   "$JAVA_HOME/bin/java" "$here/../tools/Bundle.java" bundle "$work/$1.app" "$build/kestrel" \
     "${@:2}" >&2
 }
 
-# Copies of 2 KiB and more are one instruction a byte under callgrind where the C library makes them
-# with "rep movsb", and one in 32 where it does not; with the tunable they all count alike.
+# instructions COMMAND...: prints how many instructions it takes. callgrind counts a "rep movsb" copy as
+# one instruction per byte, other copies as one per 32 bytes. The tunable makes the C library never use
+# it, so runs are comparable.
 instructions() {
   (GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000 valgrind --tool=callgrind \
     --callgrind-out-file=/dev/null "$@" 2>&1 || true) | sed -n 's/.*Collected : //p'
 }
-system_calls() { (strace -f -c "$@" 2>&1 || true) | awk '$NF == "total" { print $4 }'; }
-per_argument() { # COUNT
+
+# system_calls COMMAND...: prints how many system calls it makes.
+system_calls() {
+  (strace -f -c "$@" 2>&1 || true) | awk '$NF == "total" { print $4 }'
+}
+
+# per_argument COUNT: prints the launcher's instructions for each of COUNT arguments.
+per_argument() {
   local arguments
   mapfile -t arguments < <(seq -f 'argument-%.0f' "$1")
   echo $((($(instructions "$refused" "${arguments[@]}") - own) / $1))
 }
-per_jar() { # COUNT
+
+# per_jar COUNT: prints the launcher's instructions for each of COUNT more jars.
+per_jar() {
   (cd "$work/refused.app/Contents/lib" && seq -f 'library-%.0f.jar' "$1" | xargs touch)
   echo $((($(instructions "$refused") - own) / $1))
 }
 
+# A bundle whose runtime library refuses at once.
 bundle refused
 mkdir -p "$home/lib"
 ln -s "$build/bench/librefusing_jvm.so" "$home/lib/libjli.dylib"
@@ -61,7 +72,7 @@ bare=("$build/bench/bare" "$home/lib/libjli.dylib")
 refused=$(launcher refused)
 own=$(instructions "$refused")
 
-section "The launcher's own share: the runtime library refuses at once"
+section "The launcher's own work: the runtime library refuses at once"
 measure $((rounds * 10)) 53 bare "${bare[@]}" -- launcher "$refused"
 echo
 echo "bare: $(instructions "${bare[@]}") instructions, $(system_calls "${bare[@]}") system calls"
@@ -71,13 +82,17 @@ echo "a jar: $(per_jar 100) instructions with 100, $(per_jar 100000) with 100,00
 
 bundle jdk
 ln -s "$build/jre/Contents/Home" "$home"
+# The options that the launcher passes to the JVM, from the log of a launch. The log lists them one per
+# line after a tab, up to a line with a tab alone; the hooks in the list do not begin with "-".
 rm "$work/logs/kestrel-native.log"
 "$(launcher jdk)" hello >/dev/null 2>&1
-mapfile -t options < <(awk '/^\t$/ { exit } inside && sub(/^\t-/, "-")
-  / startJVM JVM Args: *$/ { inside = 1 }' "$work/logs/kestrel-native.log")
+mapfile -t options < <(awk '
+  / startJVM JVM Args: *$/ { in_list = 1; next }
+  in_list && /^\t$/ { exit }
+  in_list && /^\t-/ { print substr($0, 2) }' "$work/logs/kestrel-native.log")
 entry=$("$JAVA_HOME/bin/jar" --list --file "$sample" | sed -n 's/\.class$//p')
 
-section "A whole start with a JVM"
+section "A complete launch with a JVM"
 measure "$rounds" 0 \
   floor "$build/bench/floor" "$home/lib/libjli.dylib" "${options[@]}" "$entry" hello \
   -- launcher "$(launcher jdk)" hello \
@@ -87,16 +102,16 @@ link plain
 link archive --generate-cds-archive
 prepare prepared "$sample" -- hello
 
-section "A start with one runtime or another"
+section "A launch with each kind of runtime"
 measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
   -- "jlink with its archive" "$(launcher archive)" hello \
   -- "full JDK" "$(launcher jdk)" hello \
   -- prepared "$(launcher prepared)" hello
 
-# Debian's packages of a JDK's demos have SwingSet2, which takes a display.
+# SwingSet2 comes with Debian's packages of a JDK's demos. It needs a display.
 demo=(/usr/lib/jvm/*/demo/jfc/SwingSet2/SwingSet2.jar)
 if [[ -f ${demo[0]} && -n ${DISPLAY:-} ]]; then
-  "$JAVA_HOME/bin/javac" -d "$work/classes" "$here/SwingSetStart.java"
+  "$JAVA_HOME/bin/javac" -d "$work/classes" "$here/NativeLauncher.java"
   "$JAVA_HOME/bin/jar" --create --file "$work/start.jar" -C "$work/classes" .
   prepare swing "$work/start.jar" "${demo[0]}"
   section "SwingSet2 to its window"

@@ -1,6 +1,6 @@
-// floor LIBRARY OPTION... CLASS [ARG...]: the floor for a start with a real JVM. On a second thread
-// it only loads the JVM library, creates the JVM with the options and calls the class's main with
-// CLASS and the arguments.
+// floor LIBRARY OPTION... CLASS [ARG...]: the least that a launch with a real JVM takes. On a
+// second thread, loads the JVM library, creates the JVM with the options and calls main of the
+// class, with the name of the class before the arguments.
 #include <dlfcn.h>
 #include <jni.h>
 #include <pthread.h>
@@ -8,36 +8,57 @@
 
 typedef jint (*CreateJavaVM)(JavaVM**, void**, void*);
 
-static void* startJava(void* words) {
-  char** command = words;
-  void* library = dlopen(command[1], RTLD_LAZY);
-  CreateJavaVM create = library ? (CreateJavaVM)dlsym(library, "JNI_CreateJavaVM") : 0;
-  if (!create) exit(1);
+struct Launch {
+  const char* library;
+  JavaVMOption* options;
+  int optionCount;
+  char** arguments;  // the first is the name of the class
+  int argumentCount;
+};
 
-  static JavaVMOption options[256];
-  JavaVMInitArgs args = {JNI_VERSION_10, 0, options, JNI_FALSE};
-  char** word = command + 2;
-  while (**word == '-') options[args.nOptions++].optionString = *word++;
-  JavaVM* vm = 0;
-  JNIEnv* env = 0;
-  if (create(&vm, (void**)&env, &args) != JNI_OK) exit(53);
+static JNIEnv* createJvm(const struct Launch* launch) {
+  void* library = dlopen(launch->library, RTLD_LAZY);
+  if (library == NULL) exit(1);
+  CreateJavaVM create = (CreateJavaVM)dlsym(library, "JNI_CreateJavaVM");
+  if (create == NULL) exit(1);
 
-  jclass entry = (*env)->FindClass(env, *word);
+  JavaVMInitArgs args = {JNI_VERSION_10, launch->optionCount, launch->options, JNI_FALSE};
+  JavaVM* vm = NULL;
+  void* env = NULL;
+  if (create(&vm, &env, &args) != JNI_OK) exit(53);
+  return env;
+}
+
+static void* run(void* parameter) {
+  const struct Launch* launch = parameter;
+  JNIEnv* env = createJvm(launch);
+
+  jclass entry = (*env)->FindClass(env, launch->arguments[0]);
   jmethodID method = (*env)->GetStaticMethodID(env, entry, "main", "([Ljava/lang/String;)V");
   jclass string = (*env)->FindClass(env, "java/lang/String");
-  jsize count = 0;
-  while (word[count]) ++count;
-  jobjectArray array = (*env)->NewObjectArray(env, count, string, 0);
-  for (jsize i = 0; i < count; ++i) {
-    (*env)->SetObjectArrayElement(env, array, i, (*env)->NewStringUTF(env, word[i]));
+  jobjectArray array = (*env)->NewObjectArray(env, launch->argumentCount, string, NULL);
+  for (int i = 0; i < launch->argumentCount; ++i) {
+    jstring argument = (*env)->NewStringUTF(env, launch->arguments[i]);
+    (*env)->SetObjectArrayElement(env, array, i, argument);
   }
+  // The launcher calls main as if it returned an int, too.
   (*env)->CallStaticIntMethod(env, entry, method, array);
-  return 0;
+  return NULL;
 }
 
 int main(int argc, char** argv) {
+  int entry = 2;
+  while (entry < argc && argv[entry][0] == '-') ++entry;
+  if (entry >= argc) return 2;
+
+  struct Launch launch = {argv[1], NULL, entry - 2, argv + entry, argc - entry};
+  launch.options = calloc(argc, sizeof *launch.options);
+  if (launch.options == NULL) return 1;
+  for (int i = 0; i < launch.optionCount; ++i) launch.options[i].optionString = argv[2 + i];
+
   pthread_t thread;
-  if (argc < 3 || pthread_create(&thread, 0, startJava, argv) != 0) return 1;
-  pthread_join(thread, 0);
+  if (pthread_create(&thread, NULL, run, &launch) != 0) return 1;
+  pthread_join(thread, NULL);
+  free(launch.options);
   return 0;
 }

@@ -1,6 +1,9 @@
-// A runtime library that refuses at once: what is left is the launcher's own share of a start.
+// A runtime library that refuses at once, so that only the launcher's own work remains.
 #include <jni.h>
 
 JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** env, void* args) {
-  return (void)vm, (void)env, (void)args, JNI_ERR;
+  (void)vm;
+  (void)env;
+  (void)args;
+  return JNI_ERR;
 }

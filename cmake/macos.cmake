@@ -1,9 +1,10 @@
-# Builds for Macs. On a Mac the system's own compiler and SDK do all of it. Elsewhere zig takes their
-# place: a clang with a Mach-O linker and the sources of a C++ library in one package.
+# Toolchain for the macOS builds; the presets macos-x86_64 and macos-arm64 set KESTREL_MACOS_ARCH. On a
+# Mac it uses the system's own compiler and SDK. Elsewhere it uses zig instead, one package with clang,
+# a Mach-O linker and the sources of a C++ library.
 set(KESTREL_MACOS_MINIMUM 11.0)
-set(KESTREL_MACOS_ARCH "$ENV{KESTREL_MACOS_ARCH}" CACHE STRING "The processor: x86_64 or arm64")
-if(NOT KESTREL_MACOS_ARCH)
-  set(KESTREL_MACOS_ARCH x86_64 CACHE STRING "" FORCE)
+if(NOT KESTREL_MACOS_ARCH MATCHES "^(x86_64|arm64)$")
+  message(FATAL_ERROR "KESTREL_MACOS_ARCH must be x86_64 or arm64: "
+                      "use the preset macos-x86_64 or macos-arm64")
 endif()
 
 if(CMAKE_HOST_SYSTEM_NAME STREQUAL "Darwin")
@@ -21,22 +22,22 @@ if(NOT KESTREL_ZIG)
   set(KESTREL_ZIG ${zig} CACHE FILEPATH "The zig executable")
 endif()
 string(REPLACE arm64 aarch64 target ${KESTREL_MACOS_ARCH}-macos.${KESTREL_MACOS_MINIMUM})
-# The compiler checks run this file once more, without the cache.
+# The compiler checks run this file again, without the cache.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_ZIG KESTREL_MACOS_ARCH)
 
-# Frame pointers are the rule on a Mac: crash reports and samplers walk the stack by them. They also
-# keep functions from leaning on __eh_frame, where zig's linker leaves the address of the exception
-# handler unrelocated, so that a throw through them would crash.
+# Frame pointers are customary on a Mac: crash reports and samplers use them to walk the stack. They
+# also keep functions from depending on __eh_frame, where zig's linker does not relocate the address
+# of the exception handler, so that an exception thrown through such a function would crash.
 foreach(language CXX OBJCXX)
   set(CMAKE_${language}_COMPILER ${KESTREL_ZIG} c++ -target ${target})
   set(CMAKE_${language}_FLAGS_INIT -fno-omit-frame-pointer)
-  set(CMAKE_${language}_ABI_COMPILED ON)  # the check for it wants a linker that knows -v
+  set(CMAKE_${language}_ABI_COMPILED ON)  # CMake's check needs a linker that supports -v
 endforeach()
-# zig names the language once more than the command line does.
+# zig adds an option for the language to the one on the command line, which then counts as unused.
 string(APPEND CMAKE_OBJCXX_FLAGS_INIT " -Wno-unused-command-line-argument")
 
-# CMake looks for this tool wherever the target is a Mac; no install name is ever changed here.
+# CMake requires this tool for macOS; a dummy is enough, because no install names are changed.
 set(CMAKE_INSTALL_NAME_TOOL ${CMAKE_COMMAND} CACHE FILEPATH "")
-# The target names the system's version; there is no SDK.
+# The target triple contains the oldest supported system, and there is no SDK.
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "")

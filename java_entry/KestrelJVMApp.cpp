@@ -10,7 +10,7 @@ constexpr char ENTRY_CLASS_NAME[] = "NativeLauncher";
 constexpr char ENTRY_METHOD[] = "main";
 constexpr char ENTRY_DESCRIPTOR[] = "([Ljava/lang/String;)V";
 
-// What the entry's call yields when the Java side could not be started.
+// What the call to main yields if the Java side could not be started.
 constexpr int JAVA_SIDE_NOT_STARTED = 2;
 
 enum Failure {
@@ -22,7 +22,7 @@ enum Failure {
   ENTRY_THREW = 108,
 };
 
-// Failures here are left pending and show up after the entry's call.
+// Exceptions raised here stay pending and are reported after the call to main.
 jobjectArray toJavaStrings(JNIEnv* env, int argc, char** argv) {
   jclass stringClass = env->FindClass("java/lang/String");
   jobjectArray strings = env->NewObjectArray(argc, stringClass, nullptr);
@@ -60,8 +60,10 @@ int KestrelJVMApp::callMainMethod(JavaVM* vm, int argc, char** argv) {
     return METHOD_NOT_FOUND;
   }
 
-  // A void method through the call for int, on purpose: the value it yields is the contract between
-  // the launcher and the Java side.
+  // Deliberately calls a void method as if it returned int: the value obtained is the contract with
+  // the Java side. A main without a loop of its own whose last act is a call to an int-returning
+  // method yields that int. Any other main leaves an arbitrary value and has to end with
+  // System.exit.
   const int status =
       env->CallStaticIntMethod(entryClass, mainMethod, toJavaStrings(env, argc, argv));
   if (status == JAVA_SIDE_NOT_STARTED) {

@@ -32,7 +32,7 @@ bool endsWith(const std::string& s, const std::string& suffix) {
 
 std::string string_replace(std::string s, const std::string& from, const std::string& to) {
   if (from.empty()) return s;
-  // In place, and linear for texts of one length as the separators are.
+  // In place; linear when both texts have the same length, as the separators do.
   for (std::size_t i = 0; (i = s.find(from, i)) != std::string::npos; i += to.size()) {
     s.replace(i, from.size(), to);
   }
@@ -40,7 +40,7 @@ std::string string_replace(std::string s, const std::string& from, const std::st
 }
 
 void addClassPathOptions(JVMOptions& options) {
-  // The slash at the end and the ".." stay as they are wherever the directory is used.
+  // The trailing slash and the ".." are kept wherever this path is used.
   const std::string installDir = OS::getApplicationInstallDir();
   const std::string libraryDir = installDir + "/../lib/";
   const std::string classPath = collectJars(libraryDir);
@@ -49,8 +49,8 @@ void addClassPathOptions(JVMOptions& options) {
                                                   CLASSPATH_SEPARATOR_FOR_LOGS);
 
   addOption(options, "-Dkestrel.jars.path=" + libraryDir);
-  // JNA is to load its native library from the install directory alone: not unpacked from a jar,
-  // not the system's copy, not searched for on the class path.
+  // JNA must load its native library from the install directory only: it must not unpack one from a
+  // jar, use the system's copy or search the class path.
   addOption(options, "-Djna.nounpack=true");
   addOption(options, "-Djna.nosys=true");
   addOption(options, "-Djna.noclasspath=true");

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-// In the order in which the JVM reads them. Each `optionString` is a heap block of its own, made by
-// to_c_str() and released by whoever owns the list, with free().
+// The options in the order in which the JVM reads them. Each `optionString` is a separate heap
+// block from to_c_str(), which the owner of the list releases with free().
 using JVMOptions = std::vector<JavaVMOption>;
 
-// A copy of `s` on the heap, to be released with free(); null when there is no memory.
+// Returns a copy of `s` on the heap, to be released with free(), or null if memory runs out.
 char* to_c_str(const std::string& s);
 
-// An option without extra information. Takes over `s`, which may be null.
+// Makes an option without extra information. Takes ownership of `s`, which may be null.
 JavaVMOption makeOpt(char* s);
 
 // Appends a copy of `text` as an option.

@@ -19,13 +19,14 @@ namespace {
 
 using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
 
-// Hooks of the invocation interface. The JVM calls them from any of its threads, several at once;
-// they call nothing of the JVM and end nothing themselves.
+// Hooks of the invocation interface. The JVM may call them from any of its threads, several at a
+// time; they never call into the JVM or end the process.
 
-// The JVM's console output, which goes to the log alone. Returns the length of the whole text.
+// Writes the JVM's messages to the log in place of the console. Returns the length of the complete
+// text, even if the log gets only its beginning.
 int jvm_vprintf(FILE* /*stream*/, const char* format, va_list arguments) {
   char text[1024] = {};
-  // Less than the buffer holds, on purpose: its last bytes stay zero.
+  // Less than the buffer can hold, on purpose: its last bytes stay zero.
   const int length = vsnprintf(text, 1020, format, arguments);
   LOG_RECORD(INFO, "jvm_vprintf") << "JVM: " << text;
   return length;
@@ -35,7 +36,7 @@ void jvm_exit(int code) { LOG_RECORD(INFO, "jvm_exit") << "JVM: exit(" << code <
 
 void jvm_abort() { LOG_RECORD(INFO, "jvm_abort") << "JVM: abort()"; }
 
-// Eight pages, but never less than the floor.
+// Returns the -Xss option: eight memory pages, but at least FLOOR_KIB.
 std::string computeStackSizeOpt() {
   constexpr std::uint64_t FLOOR_KIB = 384;
   std::uint64_t sizeKiB = FLOOR_KIB;
@@ -51,7 +52,7 @@ void addHook(JVMOptions& options, const char* name, Function* hook) {
   options.push_back({to_c_str(name), reinterpret_cast<void*>(hook)});
 }
 
-// What the JVM lets the application see of itself, and where it reports its own end.
+// Module openings, hooks, version property, crash files, temporary directory.
 void addDiagnosticsOptions(JVMOptions& options) {
   addOption(options, "--add-opens=java.desktop/sun.awt=ALL-UNNAMED");
   addOption(options, "--add-opens=java.desktop/sun.awt.resources=ALL-UNNAMED");
@@ -77,7 +78,7 @@ void addDiagnosticsOptions(JVMOptions& options) {
   }
 }
 
-// One option per line, each after a tab; the last line holds the tab alone.
+// Returns the options for the log, one per line after a tab; the last line is a tab alone.
 std::string describe(const JVMOptions& options) {
   constexpr char NEXT_LINE[] = "\n\t";
   std::string text = NEXT_LINE;
@@ -90,7 +91,7 @@ std::string describe(const JVMOptions& options) {
 
 }  // namespace
 
-// By value, on purpose, though nothing here changes the path.
+// The path is passed by value on purpose, though nothing here changes it.
 // cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
@@ -100,10 +101,10 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
     return nullptr;
   }
 
-  // The user's options first, then the class path, then our policy and diagnostics: where the JVM
-  // takes an option twice, the later one wins. Only the heap ceiling goes to the front, so that it
-  // yields to a user's. The list owns its strings, which the JVM copies while it is created; they
-  // are released after a creation and leaked after a failure.
+  // The user's options come first, then the class path, then the launcher's policy and diagnostics:
+  // of an option given twice, the JVM uses the later one. Only the maximum heap size goes to the
+  // front, so that a user's -Xmx overrides it. The list owns its strings; the JVM copies them while
+  // it is created.
   JVMOptions options;
   if (!addArgsFileOptions(options, argsFilePath)) return nullptr;
   addDebugPortOption(options);
@@ -121,11 +122,11 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
 
   LOG_RECORD(INFO, "startJVM") << "Starting JVM";
   JavaVM* vm = nullptr;
-  void* env = nullptr;  // not kept: the caller attaches again
+  void* env = nullptr;  // unused: the caller attaches the thread again
   const jint code = createJavaVM(&vm, &env, &initArgs);
   if (code != JNI_OK) {
-    // It is the caller who exits. The words are kept as they are, and so is the line break, which
-    // leaves an empty line.
+    // Despite the words, the caller exits. They are kept on purpose, and so is the line break,
+    // which leaves an empty line in the log.
     LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
     return nullptr;  // the strings stay allocated, on purpose: the process is about to end
   }

@@ -9,13 +9,13 @@
 class KestrelJVMHost {
  public:
   // Creates the JVM; the calling thread becomes one of its threads. `argsFilePath` names a file
-  // with one JVM option per line, the empty string no file. Null, after a record that tells why,
-  // when the JVM cannot be created; the option strings are then leaked on purpose, since the
-  // process is about to end. Called once, on one thread.
+  // with one JVM option per line; an empty string means no file. If the JVM cannot be created, logs
+  // the reason and returns null; the option strings are then leaked on purpose, since the process
+  // is about to end. Called once.
   static JavaVM* startJVM(std::string argsFilePath);
 
-  // The runtime's JNI_CreateJavaVM, from its launcher library, which stays loaded for good. Null
-  // when the library cannot be loaded (logged) or does not export it (not logged).
+  // Returns JNI_CreateJavaVM from the runtime's launcher library, which then stays loaded. Returns
+  // null if the library cannot be loaded (logged) or does not export the function (not logged).
   static void* resolveJNICreateFunction();
 };
 

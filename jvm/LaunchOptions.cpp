@@ -9,7 +9,7 @@
 
 namespace {
 
-// What is not a number, or not one that an int can hold, counts as 0: any free port.
+// Text that does not begin with a number, or a number beyond int, counts as 0 (any free port).
 int toPort(const char* text) {
   try {
     return std::stoi(text);
@@ -41,8 +41,7 @@ void addDebugPortOption(JVMOptions& options) {
     agent += "suspend=n,address=*:0";
     LOG_RECORD(INFO, "startJVM") << "Enabling JDWP with suspend=n on any available port";
   } else {
-    // The process waits for a debugger once; one that inherits the environment must not wait again
-    // on the same port.
+    // A child process that inherits the variable must not wait for a debugger on the same port.
     setenv("NORVALED_DEBUG_PORT", "0", 1);
     agent += "suspend=y,address=*:" + std::to_string(port);
     LOG_RECORD(INFO, "startJVM") << "Enabling JDWP with suspend=y on port " << port;

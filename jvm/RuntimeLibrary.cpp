@@ -1,4 +1,4 @@
-// Finds the Java runtime inside the bundle.
+// Loads the library of the Java runtime in the bundle.
 #include <dlfcn.h>
 
 #include "jvm/KestrelJVMHost.h"

@@ -1,13 +1,13 @@
-// Switches in the environment and what they change:
+// Environment variables and the option groups that they switch:
 //
-//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0..."  COMPILER_AND_METADATA, under G1 G1_EXTRAS
-//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1..." SERIAL_GC, whatever the next one says
-//   KESTREL_GC_FORCE_PARALLEL_GC      off unless "1..." PARALLEL_GC; with neither G1_GC
-//   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0..."  RECLAIM, with every collector
-//   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set    the pause goal, with every collector
+//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0"   COMPILER_AND_METADATA; with G1 also G1_EXTRAS
+//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1"  SERIAL_GC, whatever the next one says
+//   KESTREL_GC_FORCE_PARALLEL_GC      off unless "1"  PARALLEL_GC (G1_GC if neither is on)
+//   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0"   RECLAIM, with every collector
+//   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set  the pause-time goal, with every collector
 //
-// The first character alone decides, never a word, on purpose: "false" leaves a switch on, "true"
-// leaves it off.
+// Only the first character counts; words are not understood, on purpose: "false" leaves on what is
+// on by default, and "true" leaves off what is off by default.
 #include "jvm/TuningOptions.h"
 
 #include <cstdlib>
@@ -92,7 +92,7 @@ void addTuningOptions(JVMOptions& options, std::string (*stackSizeOption)()) {
   addCollector(options, aggressiveOptimizations);
   if (isOn(std::getenv("KESTREL_GC_AGGRESSIVE_RECLAIM"), true)) addGroup(options, RECLAIM);
 
-  // Handed on as found: the JVM itself refuses what it cannot read.
+  // Passed on unchanged; the JVM rejects an invalid value.
   const char* maxPause = std::getenv("KESTREL_GC_MAX_PAUSE_MILLIS");
   addOption(options,
             std::string("-XX:MaxGCPauseMillis=") + (maxPause != nullptr ? maxPause : "100"));

@@ -6,9 +6,9 @@
 
 #include "jvm/JVMOptions.h"
 
-// Adds the policy to `options`: the heap ceiling at the front, so that one from the user's sources
-// comes later and wins, all the rest at the end. `stackSizeOption` makes the thread stack size's.
-// Reads each of its environment switches once.
+// Adds the policy to `options`: the maximum heap size at the front, so that a user's -Xmx overrides
+// it, and everything else at the end. `stackSizeOption` returns the -Xss option. Reads each of its
+// environment variables once.
 void addTuningOptions(JVMOptions& options, std::string (*stackSizeOption)());
 
 #endif  // KESTREL_JVM_TUNING_OPTIONS_H_

@@ -1,4 +1,4 @@
-// The process entry: sets up the log, starts the JVM on a thread of its own and waits for it.
+// The process entry: sets up the log, starts the JVM on its own thread and waits for that thread.
 #include "launcher/KestrelApplication.h"
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -22,7 +22,8 @@
 extern "C" void* objc_autoreleasePoolPush(void);
 extern "C" void objc_autoreleasePoolPop(void* pool);
 
-// Set before main. Nil as long as the Java toolkit's library is not loaded; nothing here reads it.
+// Looked up once, before main: nil unless the Java toolkit's library is already loaded then.
+// Nothing here reads it.
 Class NSApplicationAWTClass = nullptr;
 
 __attribute__((constructor)) static void lookUpApplicationClass() {
@@ -55,7 +56,7 @@ static int run(int argc, char** argv) {
   std::string jvmArgsFilePath;  // stays empty: this launcher reads no options file
 
   initialize_logging(false);
-  setsid();  // fails for a process group's leader, which is fine
+  setsid();  // a process group leader cannot; that is fine
 
   std::ostringstream argumentText;
   for (std::size_t i = 1; i < arguments.size(); ++i) argumentText << arguments[i] << " ";
@@ -63,13 +64,13 @@ static int run(int argc, char** argv) {
 
   std::atomic<std::int32_t> launchResult{NOT_STARTED};
   std::atomic<bool> exitAfterStartup{false};
-  // Always set: the entry's call lasts as long as the application, and the process is to
-  // end with it rather than to go on in the run loop.
+  // Always set: the entry's call lasts as long as the application, so when it returns the process
+  // must exit, not enter the run loop.
   exitAfterStartup = true;
 
   {
     std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
-      int result = NOT_STARTED;  // as long as the entry has given none
+      int result = NOT_STARTED;  // until the entry has returned one
       JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
       if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
 
@@ -86,7 +87,7 @@ static int run(int argc, char** argv) {
         launchResult = 0;
         exitAfterStartup = true;
       }
-      if (result < 2) return;  // a negative one leaves the status at NOT_STARTED
+      if (result < 2) return;  // a negative result leaves launchResult at NOT_STARTED
       reportFatalAndExit("Failed to initialize Kestrel JVM application: " + std::to_string(result),
                          result, true);
     });

@@ -1,5 +1,5 @@
-// The main thread's run loop, which this launcher never enters: the process ends with the Java
-// entry's call.
+// The main thread's run loop. This launcher never enters it: the process ends when the Java entry's
+// main returns.
 #ifndef KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 #define KESTREL_LAUNCHER_KESTREL_APPLICATION_H_
 

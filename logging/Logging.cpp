@@ -21,10 +21,10 @@ bool logsDirInitialized = false;
 bool isFileLoggingEnabled = false;
 bool isConsoleLoggingEnabled = false;
 
-// Records being emitted at this moment. The name's first word stays as it is, on purpose.
+// The number of records being emitted now. The name says "massage" on purpose.
 std::atomic<std::int32_t> massage_handler_logging{0};
 
-// The only level text there is, whatever the record's level.
+// Every record shows this level, whatever its own.
 constexpr char LINE_TAG[] = " INFO   ---- (native)                 ";
 constexpr char BANNER[] =
     "\n\n"
@@ -34,11 +34,11 @@ constexpr char BANNER[] =
 std::string format_log_message(const std::string& message) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
-  tzset();  // localtime_r alone may stay with the zone of the first line
+  tzset();  // localtime_r alone may keep the first line's time zone
   localtime_r(&now, &local);
   char timeText[100];
   const std::size_t length = std::strftime(timeText, sizeof timeText, "%F %T", &local);
-  // Not milliseconds but the last three digits of the epoch second, on purpose.
+  // Not milliseconds but the last three digits of the Unix time in seconds, on purpose.
   std::snprintf(timeText + length, sizeof timeText - length, ".%03d",
                 static_cast<std::int32_t>(now) % 1000);
 
@@ -49,8 +49,8 @@ std::string format_log_message(const std::string& message) {
 }
 
 bool write_message_to_file(const std::string& line) {
-  // The stream's buffer holds the whole line, which thus goes out as one append: two processes that
-  // share the log cannot tear each other's lines.
+  // The stream's buffer holds the whole line, which is therefore appended in one write: processes
+  // that share the log do not mix their lines.
   const std::size_t size = line.size() + 1;
   const auto buffer = std::unique_ptr<char[]>(new char[size]);
   std::FILE* file = std::fopen(logFile, "a");
@@ -74,27 +74,27 @@ void message_handler_impl(const std::string& message) {
   if (isConsoleLoggingEnabled) message_handler_from_console(line);
 }
 
-// Admits two records at a time and drops a third, be it from another thread or re-entrant.
+// Admits two records at a time and drops a third, whether from another thread or re-entrant.
 void logMessage(const std::string& message) {
   if (massage_handler_logging.fetch_add(1) <= 1) message_handler_impl(message);
   massage_handler_logging.fetch_sub(1);
 }
 
-// By the whole file type, unlike platform's isDirectory(): what only shares a directory's bit
-// cannot hold a log.
+// Compares the whole file type, unlike isDirectory(): a socket or block device, which shares the
+// directory bit, cannot hold a log.
 bool isExistingDirectory(const std::string& path) {
   struct stat status = {};
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// True when `path` is absolute and names a directory, which is created with its missing parents
-// if need be, for the owner alone.
+// Returns whether `path` is absolute and names a directory. Creates the directory and its parents
+// where they are missing, with access for the owner only.
 bool validateAndCreateLogsDir(const std::string& path) {
   if (path.empty() || path[0] != '/') return false;
   if (isExistingDirectory(path)) return true;
 
   constexpr mode_t OWNER_ONLY = 0700;
-  // Parents may exist or be out of our reach; only the final check decides.
+  // A parent may exist already or be impossible to create; only the final check decides.
   for (std::size_t i = path.find('/', 1); i != std::string::npos; i = path.find('/', i + 1)) {
     mkdir(path.substr(0, i).c_str(), OWNER_ONLY);
   }
@@ -128,7 +128,7 @@ void reportFatalAndExit(const std::string& message, int exitCode, bool) {
 void initialize_logging(bool console) {
   if (console) isConsoleLoggingEnabled = true;
 
-  // snprintf cuts what does not fit.
+  // snprintf truncates what does not fit.
   const std::string prefix = KESTREL_VERSION " " + std::to_string(OSHelper::getPid()) + " ";
   std::snprintf(logPrefix, sizeof logPrefix, "%s", prefix.c_str());
 
@@ -148,13 +148,13 @@ void initialize_logging(bool console) {
 
 std::string getLogsHome() {
   if (logsDirInitialized) return logsDir;
-  // Presence alone decides: a variable that is set but empty is taken as it is.
+  // Presence alone decides: a variable that is set to an empty value counts as set.
   if (const char* directory = std::getenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE")) return directory;
   if (const char* directory = std::getenv("TEST_TMPDIR")) {
     return std::string(directory) + "/nativeLogs";
   }
   const char* home = std::getenv("HOME");
-  if (home == nullptr) return "";  // refused by initialize_logging() as an invalid directory
+  if (home == nullptr) return "";  // initialize_logging() rejects it as an invalid directory
   return std::string(home) + "/Library/Logs/Norvale/" + "Kestrel-Dev";
 }
 

@@ -17,6 +17,6 @@ std::string OS::getApplicationInstallDir() {
 
 bool isDirectory(char* path) {
   struct stat status = {};
-  // One bit, not the whole file type (S_ISDIR): the types that include this bit are to pass too.
+  // One bit, not the whole file type (S_ISDIR): other types that contain this bit must pass too.
   return stat(path, &status) == 0 && (status.st_mode & 0040000) != 0;
 }

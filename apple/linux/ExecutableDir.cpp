@@ -1,4 +1,4 @@
-// The Linux counterpart of the Foundation call that finds the executable's directory.
+// Finds the executable's directory on Linux, by the rules of Foundation.
 #include <cerrno>
 #include <string>
 
@@ -6,8 +6,8 @@
 
 namespace {
 
-// NSString's stringByDeletingLastPathComponent: runs of slashes count as one, a slash at the end
-// as none, and the root has no parent but itself.
+// Like NSString's stringByDeletingLastPathComponent: repeated slashes count as one, a trailing
+// slash is ignored, and the root is its own parent.
 std::string deleteLastPathComponent(const std::string& path) {
   std::string tidy;
   for (const char c : path) {
@@ -26,5 +26,5 @@ const char* getExecutableDir() {
   thread_local std::string directory;
   // The C library keeps the first element of the command line here, exactly as it was given.
   directory = deleteLastPathComponent(program_invocation_name);
-  return directory.c_str();  // NOLINT(clang-analyzer-cplusplus.InnerPointer): lives on
+  return directory.c_str();  // NOLINT(clang-analyzer-cplusplus.InnerPointer): the string stays
 }

@@ -1,5 +1,5 @@
-// Stand-ins for the Objective-C runtime on Linux, where no class is ever registered and no object
-// is ever autoreleased.
+// Replaces the Objective-C runtime on Linux, where no class is ever registered and no object is
+// ever autoreleased.
 #include <objc/runtime.h>
 
 extern "C" {

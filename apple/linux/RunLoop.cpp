@@ -1,5 +1,6 @@
-// A run loop for Linux that behaves as CoreFoundation documents it, for one thread, one mode and
-// timers that fire once. A timer keeps the loop alive until it has fired.
+// A run loop for Linux that does what the launcher uses of CoreFoundation's, as it is documented: a
+// timer that never fires keeps the loop alive until the time-out. There are one mode, no other
+// timers, no sources and no requests to stop.
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <algorithm>
@@ -9,47 +10,14 @@
 
 // NOLINTBEGIN(*-reserved-identifier,cert-dcl*): CoreFoundation names these types.
 struct __CFRunLoopTimer {
-  int references;
-  bool valid;
-  CFAbsoluteTime fireDate;
-  CFRunLoopTimerCallBack callout;
+  int references = 1;
 };
 
 struct __CFRunLoop {
-  ~__CFRunLoop() {
-    for (const __CFRunLoopTimer* timer : timers) CFRelease(timer);
-  }
-  std::vector<CFRunLoopTimerRef> timers;  // it holds a reference to each
-  bool stopRequested = false;
+  ~__CFRunLoop() { std::for_each(timers.begin(), timers.end(), CFRelease); }
+  std::vector<CFRunLoopTimerRef> timers;  // the loop holds a reference to each
 };
 // NOLINTEND(*-reserved-identifier,cert-dcl*)
-
-namespace {
-
-// CoreFoundation counts seconds from 2001-01-01 00:00:00 UTC.
-constexpr double EPOCH_OFFSET = 978307200.0;
-
-void waitUntil(CFAbsoluteTime date) {
-  constexpr double LONGEST_SLEEP = 3600.0;  // no clock can count to "never"
-  for (double left; (left = date - CFAbsoluteTimeGetCurrent()) > 0;) {
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, LONGEST_SLEEP)));
-  }
-}
-
-// The valid timer that fires first, or null; those that are no longer valid leave the loop.
-CFRunLoopTimerRef nextTimer(std::vector<CFRunLoopTimerRef>& timers) {
-  const auto ended = std::partition(timers.begin(), timers.end(),
-                                    [](const __CFRunLoopTimer* timer) { return timer->valid; });
-  std::for_each(ended, timers.end(), CFRelease);
-  timers.erase(ended, timers.end());
-  const auto next = std::min_element(timers.begin(), timers.end(),
-                                     [](const __CFRunLoopTimer* a, const __CFRunLoopTimer* b) {
-                                       return a->fireDate < b->fireDate;
-                                     });
-  return next != timers.end() ? *next : nullptr;
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -62,46 +30,33 @@ void CFRelease(CFTypeRef object) {
   if (--timer->references == 0) delete timer;
 }
 
-CFAbsoluteTime CFAbsoluteTimeGetCurrent() {
-  const std::chrono::duration<double> sinceEpoch =
-      std::chrono::system_clock::now().time_since_epoch();
-  return sinceEpoch.count() - EPOCH_OFFSET;
-}
-
 CFRunLoopRef CFRunLoopGetCurrent() {
   thread_local __CFRunLoop loop;
   return &loop;
 }
 
-CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef /*allocator*/, CFAbsoluteTime fireDate,
+CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef /*allocator*/, CFAbsoluteTime /*fireDate*/,
                                        CFTimeInterval /*interval*/, CFOptionFlags /*flags*/,
-                                       CFIndex /*order*/, CFRunLoopTimerCallBack callout,
+                                       CFIndex /*order*/, CFRunLoopTimerCallBack /*callout*/,
                                        CFRunLoopTimerContext* /*context*/) {
-  return new __CFRunLoopTimer{1, true, fireDate, callout};
+  return new __CFRunLoopTimer;
 }
-
-void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer) { timer->valid = false; }
 
 void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode /*mode*/) {
   ++timer->references;
   loop->timers.push_back(timer);
 }
 
-void CFRunLoopStop(CFRunLoopRef loop) { loop->stopRequested = true; }
-
 CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode /*mode*/, CFTimeInterval seconds,
                                       Boolean /*returnAfterSourceHandled*/) {
-  __CFRunLoop& loop = *CFRunLoopGetCurrent();
-  const CFAbsoluteTime deadline = CFAbsoluteTimeGetCurrent() + seconds;
-  loop.stopRequested = false;
-  while (CFRunLoopTimerRef timer = nextTimer(loop.timers)) {
-    waitUntil(std::min(timer->fireDate, deadline));
-    if (timer->fireDate > deadline) return kCFRunLoopRunTimedOut;
-    timer->valid = false;
-    timer->callout(timer, nullptr);
-    if (loop.stopRequested) return kCFRunLoopRunStopped;
+  if (CFRunLoopGetCurrent()->timers.empty()) return kCFRunLoopRunFinished;
+
+  constexpr double LONGEST_SLEEP = 3600.0;  // a clock cannot count to the largest time-out
+  while (seconds > 0) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, LONGEST_SLEEP)));
+    seconds -= LONGEST_SLEEP;
   }
-  return kCFRunLoopRunFinished;
+  return kCFRunLoopRunTimedOut;
 }
 
 }  // extern "C"

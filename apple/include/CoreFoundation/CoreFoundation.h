@@ -1,11 +1,9 @@
 // The CoreFoundation names that the launcher and its tests use, as Apple documents them, for builds
-// without Apple's SDK.
+// without Apple's SDK. For C++ and Objective-C++ only.
 #ifndef KESTREL_APPLE_COREFOUNDATION_H_
 #define KESTREL_APPLE_COREFOUNDATION_H_
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 typedef unsigned char Boolean;
 typedef signed int SInt32;
@@ -21,11 +19,7 @@ typedef struct __CFRunLoop* CFRunLoopRef;
 typedef struct __CFRunLoopTimer* CFRunLoopTimerRef;
 typedef CFStringRef CFRunLoopMode;
 
-#ifdef __cplusplus
 typedef enum CFRunLoopRunResult : SInt32 {
-#else
-typedef enum CFRunLoopRunResult {
-#endif
   kCFRunLoopRunFinished = 1,
   kCFRunLoopRunStopped = 2,
   kCFRunLoopRunTimedOut = 3,
@@ -46,25 +40,20 @@ extern const CFAllocatorRef kCFAllocatorDefault;
 extern const CFRunLoopMode kCFRunLoopDefaultMode;
 
 void CFRelease(CFTypeRef object);
-CFAbsoluteTime CFAbsoluteTimeGetCurrent(void);
 
 // The calling thread's run loop.
 CFRunLoopRef CFRunLoopGetCurrent(void);
-// Runs the calling thread's loop for at most `seconds`; finished at once when the mode holds
-// nothing.
+// Runs the calling thread's loop for at most `seconds`; returns kCFRunLoopRunFinished at once if
+// the mode has no timers or sources.
 CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
                                       Boolean returnAfterSourceHandled);
-void CFRunLoopStop(CFRunLoopRef loop);
 void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode mode);
 
 CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
                                        CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
                                        CFRunLoopTimerCallBack callout,
                                        CFRunLoopTimerContext* context);
-void CFRunLoopTimerInvalidate(CFRunLoopTimerRef timer);
 
-#ifdef __cplusplus
-}
-#endif
+}  // extern "C"
 
 #endif  // KESTREL_APPLE_COREFOUNDATION_H_

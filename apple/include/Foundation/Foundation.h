@@ -1,5 +1,5 @@
 // The Foundation names that the launcher uses, as Apple documents them, for builds without Apple's
-// SDK. Objective-C only.
+// SDK. For Objective-C only.
 #ifndef KESTREL_APPLE_FOUNDATION_H_
 #define KESTREL_APPLE_FOUNDATION_H_
 
@@ -14,8 +14,8 @@ __attribute__((objc_root_class))
 @interface NSString : NSObject
 @property(readonly) NSUInteger length;
 @property(readonly, copy) NSString* stringByDeletingLastPathComponent;
-// Raises an exception for an empty string. The characters live inside the string: without this
-// attribute ARC would release it too early.
+// Raises an exception for an empty string. The characters are inside the string, which automatic
+// reference counting would release too early without this attribute.
 @property(readonly) const char* fileSystemRepresentation NS_RETURNS_INNER_POINTER;
 @end
 

@@ -1,19 +1,11 @@
 // The Objective-C runtime names that the launcher uses, as Apple documents them, for builds without
-// Apple's SDK.
+// Apple's SDK. For C++ and Objective-C++ only.
 #ifndef KESTREL_APPLE_OBJC_RUNTIME_H_
 #define KESTREL_APPLE_OBJC_RUNTIME_H_
 
 typedef struct objc_class* Class;
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-// The class of that name, or nil when none is registered.
-Class objc_lookUpClass(const char* name);
-
-#ifdef __cplusplus
-}
-#endif
+// Returns the class with this name, or nil if none is registered.
+extern "C" Class objc_lookUpClass(const char* name);
 
 #endif  // KESTREL_APPLE_OBJC_RUNTIME_H_

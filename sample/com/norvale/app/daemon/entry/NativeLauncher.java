@@ -1,5 +1,5 @@
-// The sample application: ./dev run and the tests start it by the launcher to show each way in which
-// an application can end.
+// The sample application. ./dev run and the tests start it through the launcher to show each way in
+// which an application can end.
 package com.norvale.app.daemon.entry;
 
 import java.io.FileWriter;
@@ -10,26 +10,27 @@ import java.util.TreeSet;
 import java.util.concurrent.locks.LockSupport;
 
 /**
- * It prints its command line and the properties that the launcher set, then does what the first
+ * Prints its command line and the properties that the launcher sets, then does what the first
  * argument after the program's path asks for:
  *
  * <pre>
- *   status N     main yields N to the launcher
- *   exit N       System.exit(N)
- *   throw        main ends with an exception
- *   exhaust      fills the Java heap
- *   leave        main returns while a thread runs and a shutdown hook is set
- *   signal NAME  sets a shutdown hook and sends itself a signal
- *   write FILE   writes an empty file
- *   anything     main yields 0
+ *   status N       makes main yield N to the launcher
+ *   exit N         calls System.exit(N)
+ *   throw          throws an exception out of main
+ *   exhaust        fills the Java heap until there is no memory left
+ *   leave          returns from main while a thread runs and a shutdown hook is set
+ *   signal NAME    sets a shutdown hook and sends itself the signal
+ *   write FILE     creates an empty file
+ *   anything else  makes main yield 0
  * </pre>
  */
 public final class NativeLauncher {
   private NativeLauncher() {}
 
   /**
-   * The launcher calls this void method for an int and takes what the last call in it returned. Only
-   * a main that ends with a call of an int-returning method thus has a status to rely on.
+   * The launcher calls this void method as if it returned an int. A main without a loop of its own
+   * whose last act is a call to an int-returning method, as here, yields that int. Any other main
+   * leaves an arbitrary value: end it with System.exit instead.
    */
   public static void main(String[] args) throws Exception {
     print(args);
@@ -66,14 +67,14 @@ public final class NativeLauncher {
       System.out.println("argument " + i + ": " + args[i]);
     }
     for (String name : new TreeSet<>(System.getProperties().stringPropertyNames())) {
-      if (isLaunchers(name)) {
+      if (isSetByLauncher(name)) {
         System.out.println(name + "=" + System.getProperty(name));
       }
     }
     System.out.flush();
   }
 
-  private static boolean isLaunchers(String name) {
+  private static boolean isSetByLauncher(String name) {
     List<String> prefixes = Arrays.asList("kestrel.", "KESTREL_", "jna.", "plume.", "apple.laf.");
     List<String> names = Arrays.asList("java.class.path", "java.io.tmpdir", "user.dir");
     return names.contains(name) || prefixes.stream().anyMatch(name::startsWith);

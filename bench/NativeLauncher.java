@@ -1,10 +1,17 @@
 package com.norvale.app.daemon.entry;
 
-import java.awt.*;
-import java.awt.event.*;
+import java.awt.AWTEvent;
+import java.awt.Frame;
+import java.awt.Toolkit;
+import java.awt.event.WindowEvent;
 
-/** Starts the JDK's demo SwingSet2, which has a jar of its own, and ends when its window opens. */
-final class NativeLauncher {
+/**
+ * The entry class for measuring SwingSet2, a demo of the JDK in another jar: starts the demo and exits
+ * when its window opens.
+ */
+public final class NativeLauncher {
+  private NativeLauncher() {}
+
   public static void main(String[] args) throws Exception {
     Toolkit.getDefaultToolkit().addAWTEventListener(event -> {
       if (event.getID() == WindowEvent.WINDOW_OPENED && event.getSource() instanceof Frame) {
@@ -12,6 +19,6 @@ final class NativeLauncher {
       }
     }, AWTEvent.WINDOW_EVENT_MASK);
     Class.forName("SwingSet2").getMethod("main", String[].class).invoke(null, (Object) args);
-    Thread.currentThread().join();
+    Thread.currentThread().join();  // the process ends when main returns
   }
 }
