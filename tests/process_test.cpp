@@ -2,15 +2,15 @@
 // and exit status out.
 #include <vector>
 
-#include "tests/bundle_fixture.h"
+#include "tests/old_fixture.h"
 
 namespace fs = std::filesystem;
 using testing::AllOf, testing::ContainsRegex, testing::EndsWith, testing::HasSubstr;
 
 namespace {
 
-using Launcher = BundleFixture;
-using RealJvm = BundleFixture;  // the sanitizers leave these out by their name
+using Launcher = OldFixture;
+using RealJvm = OldFixture;  // the sanitizers leave these out by their name
 
 // Up to the end of the first `words`.
 std::string upTo(const std::string& text, const std::string& words) {

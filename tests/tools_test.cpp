@@ -2,13 +2,13 @@
 #include <array>
 #include <sstream>
 
-#include "tests/bundle_fixture.h"
+#include "tests/old_fixture.h"
 
 using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
 
 namespace {
 
-struct Tools : BundleFixture {
+struct Tools : OldFixture {
   Tools() { setenv("PROJECT", PROJECT, 1); }
 
   std::string outputOf(const std::string& line, int status = 0) {

@@ -53,7 +53,7 @@ namespace {
 
 struct Unit : BundleFixture {
   Unit() { setenv("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE", bin.c_str(), 1); }
-  std::string logged() { return readable(contentOf(log), std::to_string(getpid())); }
+  std::string logged() { return readable(contentOf(log), getpid()); }
 };
 
 TEST_F(Unit, LogLineIsExact) {
