@@ -97,6 +97,7 @@ class BundleFixture : public testing::Test {
     setenv("LIB", lib.c_str(), 1);
     setenv("LAUNCHER", (bin + "/kestrel").c_str(), 1);
     setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
+    setenv("LOG", log.c_str(), 1);
     setenv("SCRIPT_CALLS", log.c_str(), 1);
     setenv("MallocNanoZone", "0", 1);  // keeps the address sanitizer quiet on a Mac
 
@@ -108,8 +109,8 @@ class BundleFixture : public testing::Test {
   }
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
-  // Runs a script with /bin/sh. $ROOT is the test's directory, $BIN, $LIB and $LAUNCHER are in its
-  // bundle, $PROJECT is the checkout.
+  // Runs a script with /bin/sh. $ROOT is the test's directory; $LAUNCHER, its folder $BIN
+  // and $LIB are in the bundle; $LOG is the log; $PROJECT is the checkout.
   Process run(const std::string& script) const {
     const std::string outputFile = root + "/output";
     Process process;
@@ -147,7 +148,7 @@ class BundleFixture : public testing::Test {
 
   // What tools/log shows for the launch: the status and what happened, as in "53 the JVM ...".
   std::string whatHappened(const Process& launch) const {
-    const std::string overview = outputOf("exec \"$PROJECT/tools/log\" \"$SCRIPT_CALLS\"");
+    const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
     const std::string time = ".{19}", separator = " +", version = "[^ ]+";
     const std::regex row(time + separator + std::to_string(launch.pid) + separator + version +
                          separator + "([^ ]+) +(.+?)(  .*)?");

@@ -348,32 +348,31 @@ TEST_F(Launcher, RecordsThatTheJarsDirectoryIsMissing) {
 }
 
 TEST_F(Launcher, LogsWhereTheEnvironmentSays) {
-  const std::string unset = "unset KESTREL_NATIVE_LOG_DIR_OVERRIDE; ";
-  const std::string chosen = "KESTREL_NATIVE_LOG_DIR_OVERRIDE=";
-  const std::string none;  // no directory can be used
   struct Case {
     std::string environment;
-    std::string directory;
+    std::string directory;  // empty if none can be used
   };
   const std::vector<Case> cases = {
-      {chosen + "$ROOT/new/deep TEST_TMPDIR=$ROOT/other", "new/deep"},
-      {chosen + "$ROOT/at//its/end/", "at/its/end"},
-      {chosen + "$ROOT/link", "target"},
-      {unset + "TEST_TMPDIR=$ROOT/other HOME=$ROOT", "other/nativeLogs"},
-      {unset + "HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
-      {unset, none},
-      {chosen + " TEST_TMPDIR=$ROOT/other", none},
-      {chosen + "target", none},  // relative
-      {chosen + "$LAUNCHER", none},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/new/deep TEST_TMPDIR=$ROOT/other", "new/deep"},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/at//its/end/", "at/its/end"},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/link", "target"},
+      {"TEST_TMPDIR=$ROOT/other HOME=$ROOT", "other/nativeLogs"},
+      {"HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
+      {"", ""},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE= TEST_TMPDIR=$ROOT/other", ""},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=target", ""},  // relative
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$LAUNCHER", ""},
   };
+  unsetenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE");
+  setenv("SCRIPT_CALLS", "/dev/null", 1);
   outputOf("cd $ROOT; mkdir target; ln -s target link");
   for (const auto& [environment, directory] : cases) {
     SCOPED_TRACE(environment);
     const Process process = launch("cd $ROOT; " + environment + " exec $LAUNCHER");
-    EXPECT_EQ(process.ending, exited(directory == none ? 1 : 0)) << process;
+    EXPECT_EQ(process.ending, exited(directory.empty() ? 1 : 0)) << process;
     EXPECT_EQ(process.output, "");
     EXPECT_EQ(outputOf("cd $ROOT; find * -name kestrel-native.log -exec rm {} ';' -print"),
-              directory == none ? "" : directory + "/kestrel-native.log\n");
+              directory.empty() ? "" : directory + "/kestrel-native.log\n");
   }
 }
 
