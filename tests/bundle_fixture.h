@@ -36,7 +36,7 @@ inline std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-// The lines of `text` in which the regular expression is found, each with its line feed.
+// The lines of `text` that match a regular expression somewhere.
 inline std::string linesWith(const std::string& text, const std::string& expression) {
   std::string found;
   for (const std::string& line : linesOf(text)) {
@@ -46,19 +46,16 @@ inline std::string linesWith(const std::string& text, const std::string& express
 }
 
 // For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
-// EXPECT_EQ would also print both texts whole.
+// EXPECT_EQ would also print both texts as a whole.
 inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
   if (actual == expected) return testing::AssertionSuccess();
   return testing::AssertionFailure()
-         << "the texts differ: - expected, + actual\n"
+         << "the texts differ (- expected, + actual):\n"
          << testing::internal::edit_distance::CreateUnifiedDiff(linesOf(expected), linesOf(actual));
 }
 
 inline std::string exited(int status) { return "exited with status " + std::to_string(status); }
-
-inline std::string killed(int signal) {
-  return "killed by signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
-}
+inline std::string killed(int signal) { return std::string("killed: ") + strsignal(signal); }
 
 // A process that has ended.
 struct Process {
@@ -66,20 +63,16 @@ struct Process {
   std::string ending;  // exited(STATUS) or killed(SIGNAL)
   std::string output;  // standard output and standard error
   std::string log;     // the log of this launch alone
-};
 
-// For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
-inline std::ostream& operator<<(std::ostream& stream, const Process& process) {
-  constexpr std::size_t SHOWN = 12;
-  for (const auto& [name, text] : {std::pair("output", process.output), {"log", process.log}}) {
-    const std::vector<std::string> lines = linesOf(text);
-    stream << "last lines of its " << name << ":\n";
-    for (std::size_t i = lines.size() > SHOWN ? lines.size() - SHOWN : 0; i < lines.size(); ++i) {
-      stream << "  " << lines[i].substr(0, 500) << "\n";
-    }
+  // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
+  friend std::ostream& operator<<(std::ostream& stream, const Process& process) {
+    return stream << "output:\n" << endOf(process.output) << "log:\n" << endOf(process.log);
   }
-  return stream;
-}
+  static std::string endOf(const std::string& text) {
+    constexpr std::size_t SHOWN = 1000;
+    return text.size() > SHOWN ? "... " + text.substr(text.size() - SHOWN) : text;
+  }
+};
 
 extern "C" char** environ;  // not declared by Apple's headers
 
@@ -146,17 +139,12 @@ class BundleFixture : public testing::Test {
     return process.output;
   }
 
-  // What tools/log shows for the launch: the status and what happened, as in "53 the JVM ...".
+  // What tools/log shows for the launch: status and outcome, such as "0 main returned 0".
   std::string whatHappened(const Process& launch) const {
     const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
-    const std::string time = ".{19}", separator = " +", version = "[^ ]+";
-    const std::regex row(time + separator + std::to_string(launch.pid) + separator + version +
-                         separator + "([^ ]+) +(.+?)(  .*)?");
-    for (const std::string& line : linesOf(overview)) {
-      std::smatch cells;
-      if (std::regex_match(line, cells, row)) return cells[1].str() + " " + cells[2].str();
-    }
-    return "not in the output of tools/log:\n" + overview;
+    const std::string timeAndPid = "^.{19} +" + std::to_string(launch.pid) + " +";
+    const std::regex columns(timeAndPid + "[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
+    return std::regex_replace(linesWith(overview, timeAndPid), columns, "$1 $2");
   }
 
   // Replaces variable parts by the placeholders of docs/options.md, and strips the banner and the

@@ -34,6 +34,11 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
 > DeleteLocalRef
 > ExceptionClear
 )";
+  const auto reported = [](int status) {
+    return " operator() JVM main ended\n"
+           " reportFatalAndExit Failed to initialize Kestrel JVM application: " +
+           std::to_string(status) + "\n";
+  };
   struct Case {
     std::string script;  // for the scripted JVM
     int status;
@@ -53,62 +58,42 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
        calledMain + R"(> ExceptionOccurred
  operator() JVM main ended
 )"},
-      {"SCRIPT_status=7", 7, "main returned 7", calledMain + R"(> ExceptionOccurred
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 7
-)"},
+      {"SCRIPT_status=7", 7, "main returned 7", calledMain + "> ExceptionOccurred\n" + reported(7)},
       {"SCRIPT_attach=-5", 103, "attaching the thread failed", R"( operator() JVM calling main
 > AttachCurrentThread
  callMainMethod Failed to attach native thread to JVM
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 103
-)"},
+)" + reported(103)},
       {"SCRIPT_NativeLauncher=throws", 104, "the entry class cannot be loaded",
        foundClass + " callMainMethod Failed to find  NativeLauncher  class\n" + printedException +
-           R"( callMainMethod Finding  NativeLauncher  class failed with exception!
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 104
-)"},
+           " callMainMethod Finding  NativeLauncher  class failed with exception!\n" +
+           reported(104)},
       {"SCRIPT_NativeLauncher=missing", 105, "the entry class cannot be loaded",
        foundClass + R"( callMainMethod Failed to find  NativeLauncher  class
 > ExceptionOccurred
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 105
-)"},
+)" + reported(105)},
       {"SCRIPT_main=throws", 106, "the entry class has no such main",
        foundClass + R"(> GetStaticMethodID(main([Ljava/lang/String;)V)
  callMainMethod Failed to find method ' main ' on  NativeLauncher
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 106
-)"},
+)" + reported(106)},
       {"SCRIPT_status=2 SCRIPT_call=throws", 107, "main could not start the application",
-       calledMain + R"( callMainMethod Failed to invoke method ' main ' on the  NativeLauncher
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 107
-)"},
+       calledMain + " callMainMethod Failed to invoke method ' main ' on the  NativeLauncher\n" +
+           reported(107)},
       {"SCRIPT_call=throws", 108, "main threw an exception",
-       calledMain + printedException +
-           R"( callMainMethod Method ' main ' failed with exception!
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 108
-)"},
+       calledMain + printedException + " callMainMethod Method ' main ' failed with exception!\n" +
+           reported(108)},
       {"SCRIPT_call=throws SCRIPT_Throwable=missing", 108, "main threw an exception",
        calledMain + R"(> ExceptionOccurred
 > FindClass(java/lang/Throwable)
  checkFailureAndLog Failed to find Throwable class
  callMainMethod Method ' main ' failed with exception!
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 108
-)"},
+)" + reported(108)},
       {"SCRIPT_call=throws SCRIPT_printStackTrace=missing", 108, "main threw an exception",
        calledMain + R"(> ExceptionOccurred
 > FindClass(java/lang/Throwable)
 > GetMethodID(printStackTrace()V)
  checkFailureAndLog Failed to find Throwable#printStackTrace class
  callMainMethod Method ' main ' failed with exception!
- operator() JVM main ended
- reportFatalAndExit Failed to initialize Kestrel JVM application: 108
-)"},
+)" + reported(108)},
   };
   for (const Case& expected : cases) {
     SCOPED_TRACE(expected.script);
@@ -135,19 +120,6 @@ TEST_F(Launcher, ExitsWith53IfTheRuntimeCannotBeLoaded) {
   EXPECT_THAT(whatHappened(process), StartsWith("53 the runtime could not be loaded: "));
 }
 
-TEST_F(Launcher, ExitsWith53IfTheRuntimeLibraryHasNoJvm) {
-  fs::remove(runtime + "/libjli.dylib");
-  fs::create_symlink(LIBRARY_WITHOUT_JVM, runtime + "/libjli.dylib");
-  const Process process = launch("exec $LAUNCHER");
-  EXPECT_EQ(process.ending, exited(53)) << process;
-  EXPECT_EQ(process.log, R"( run Program arguments:  
- resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
- startJVM Failed to locate exported function to start VM
- reportFatalAndExit Failed to start JVM
-)");
-  EXPECT_EQ(whatHappened(process), "53 the runtime library has no JVM");
-}
-
 TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
   const Process process = launch("SCRIPT_create=-4 exec $LAUNCHER");
   EXPECT_EQ(process.ending, exited(53)) << process;
@@ -169,58 +141,62 @@ TEST_F(Launcher, CreatesAStrictJvm10InASessionOfItsOwn) {
 )");
 }
 
-// How a launch differs from the default, as far as the options depend on it.
-struct Settings {
+// A launch that differs from the default, and how its options do.
+struct OptionsCase {
+  std::string name;
+  std::string environment;
   bool aggressiveOptimizations = true;
   bool aggressiveReclaim = true;
   std::string collector = "G1";
   std::string maxPauseMillis = "100";
-  std::string suspend{};
-  std::string port{};  // empty without a debugger
-  std::string userOptions{};
   std::string temporaryDir{};
+  std::string userOptions{};
+  std::string suspend{};
+  std::string port{};
+  std::string inheritedPort{};  // what the JVM finds in NORVALED_DEBUG_PORT
+  std::string records{};        // what the launcher logs about these
 };
 
-// The options that the first tables of docs/options.md promise for a launch, in the log's form.
-std::string documentedOptions(const Settings& settings, const std::string& jars) {
+// The options that docs/options.md promises for a launch, in the form of the log.
+std::string documentedOptions(const OptionsCase& launch, const std::string& jars) {
   // Phrases of the third column, and whether they remove an option from this launch.
   const std::map<std::string, bool> conditions = {
-      {"not passed if `KESTREL_AGGRESSIVE_OPTIMIZATIONS=0`", !settings.aggressiveOptimizations},
-      {"not passed if `KESTREL_GC_AGGRESSIVE_RECLAIM=0`", !settings.aggressiveReclaim},
-      {"not passed if `KESTREL_GC_FORCE_SERIAL_GC=1`", settings.collector == "Serial"},
-      {"G1 only", settings.collector != "G1"},
-      {"only if `NORVALED_DEBUG_PORT` is set", settings.port.empty()},
-      {"only if `NORVALED_JVM_ARGS` is set", settings.userOptions.empty()},
-      {"only if `TMPDIR` names a directory", settings.temporaryDir.empty()},
+      {"not passed if `KESTREL_AGGRESSIVE_OPTIMIZATIONS=0`", !launch.aggressiveOptimizations},
+      {"not passed if `KESTREL_GC_AGGRESSIVE_RECLAIM=0`", !launch.aggressiveReclaim},
+      {"not passed if `KESTREL_GC_FORCE_SERIAL_GC=1`", launch.collector == "Serial"},
+      {"G1 only", launch.collector != "G1"},
+      {"only if `TMPDIR` names a directory", launch.temporaryDir.empty()},
+      {"only if `NORVALED_JVM_ARGS` is set", launch.userOptions.empty()},
+      {"only if `NORVALED_DEBUG_PORT` is set", launch.port.empty()},
   };
   const std::map<std::string, std::string> replacements = {
-      {"each word of NORVALED_JVM_ARGS", settings.userOptions},
-      {"UseG1GC", "Use" + settings.collector + "GC"},
-      {"MaxGCPauseMillis=100", "MaxGCPauseMillis=" + settings.maxPauseMillis},
-      {"<y or n>", settings.suspend},
-      {"<port>", settings.port},
+      {"UseG1GC", "Use" + launch.collector + "GC"},
+      {"MaxGCPauseMillis=100", "MaxGCPauseMillis=" + launch.maxPauseMillis},
+      {"<TMPDIR>", launch.temporaryDir},
+      {"each word of NORVALED_JVM_ARGS", launch.userOptions},
+      {"<y or n>", launch.suspend},
+      {"<port>", launch.port},
       {"<jars>", jars},
       {"<size>", "384"},
-      {"<TMPDIR>", settings.temporaryDir},
   };
   const std::regex row(R"(\| ([^|]*`[^|]*) \|[^|]*\|([^|]*)\|)");
-  const std::string separator = "\n\t";
-  std::string options = separator;
+  std::string options = "\n\t";
   for (const std::string& line : linesOf(contentOf(PROJECT "/docs/options.md"))) {
-    if (line.starts_with("## ") && options != separator) break;
+    if (line.starts_with("## ") && options != "\n\t") break;  // later tables have no options
     std::smatch cells;
     if (!std::regex_match(line, cells, row)) continue;
-    const bool isRemoved =
-        std::any_of(conditions.begin(), conditions.end(), [&](const auto& condition) {
-          return condition.second && cells.str(2).find(condition.first) != std::string::npos;
-        });
-    if (isRemoved) continue;
     std::string option = replaced(cells[1], "`", "");
-    if (option == "-XX:+UseG1GC" && settings.collector != "G1") {
-      EXPECT_THAT(cells[2], HasSubstr("`-XX:+Use" + settings.collector + "GC`"));
+    const std::string changedBy = cells[2];
+    bool isPassed = true;
+    for (const auto& [phrase, removes] : conditions) {
+      if (removes && changedBy.find(phrase) != std::string::npos) isPassed = false;
+    }
+    if (!isPassed) continue;
+    if (option == "-XX:+UseG1GC" && launch.collector != "G1") {
+      EXPECT_THAT(changedBy, HasSubstr("`-XX:+Use" + launch.collector + "GC`"));
     }
     for (const auto& [from, to] : replacements) option = replaced(option, from, to);
-    options += option + separator;
+    options += option + "\n\t";
   }
   return options;
 }
@@ -236,15 +212,7 @@ TEST_F(Launcher, PassesTheDocumentedOptions) {
     const std::string name = entry.path().filename();
     if (name.ends_with(".jar")) jars += (jars.empty() ? "" : ":") + ("<install>/../lib/" + name);
   }
-
-  struct Case {
-    std::string name;
-    std::string environment;
-    Settings settings{};
-    std::string records{};    // the launcher's own about this environment
-    std::string portInJvm{};  // NORVALED_DEBUG_PORT as the JVM finds it
-  };
-  const std::vector<Case> cases = {
+  const std::vector<OptionsCase> cases = {
       {.name = "no value begins with the digit that turns its switch",
        .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=false KESTREL_GC_FORCE_SERIAL_GC=true "
                       "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM=no"},
@@ -252,89 +220,76 @@ TEST_F(Launcher, PassesTheDocumentedOptions) {
        .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS= KESTREL_GC_FORCE_SERIAL_GC= "
                       "KESTREL_GC_FORCE_PARALLEL_GC= KESTREL_GC_AGGRESSIVE_RECLAIM= TMPDIR= "
                       "KESTREL_GC_MAX_PAUSE_MILLIS= NORVALED_DEBUG_PORT= NORVALED_JVM_ARGS=",
-       .settings = {.maxPauseMillis = ""}},
-      {.name = "switched off; a temporary directory that is none",
+       .maxPauseMillis = ""},
+      {.name = "groups switched off, a temporary directory that is a file",
        .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=0ff KESTREL_GC_AGGRESSIVE_RECLAIM=0abc "
                       "KESTREL_GC_MAX_PAUSE_MILLIS=abc TMPDIR=$LAUNCHER",
-       .settings = {.aggressiveOptimizations = false,
-                    .aggressiveReclaim = false,
-                    .maxPauseMillis = "abc"}},
-      {.name = "both collectors: serial; a temporary directory behind a link",
+       .aggressiveOptimizations = false,
+       .aggressiveReclaim = false,
+       .maxPauseMillis = "abc"},
+      {.name = "the serial collector, even if both are forced; a link to a temporary directory",
        .environment = "KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1 "
                       "TMPDIR=$ROOT/link/",
-       .settings = {.collector = "Serial", .temporaryDir = root + "/link/"}},
-      {.name = "the parallel collector; a temporary directory that is missing",
+       .collector = "Serial",
+       .temporaryDir = root + "/link/"},
+      {.name = "the parallel collector, a missing temporary directory",
        .environment = "KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10 "
                       "TMPDIR=$ROOT/missing",
-       .settings = {.collector = "Parallel"}},
-      {.name = "a port to wait on, and text after it",
+       .collector = "Parallel"},
+      {.name = "a debugger's port with text after it",
        .environment = "NORVALED_DEBUG_PORT=5005x",
-       .settings = {.suspend = "y", .port = "5005"},
-       .records = " startJVM Enabling JDWP with suspend=y on port  5005\n",
-       .portInJvm = "0"},
-      {.name = "a port that no int can hold",
+       .suspend = "y",
+       .port = "5005",
+       .inheritedPort = "0",
+       .records = " startJVM Enabling JDWP with suspend=y on port  5005\n"},
+      {.name = "a debugger's port that no int can hold",
        .environment = "NORVALED_DEBUG_PORT=99999999999",
-       .settings = {.suspend = "n", .port = "0"},
-       .records = " startJVM Enabling JDWP with suspend=n on any available port\n",
-       .portInJvm = "99999999999"},
-      {.name = "a negative port, and options with every kind of white space",
+       .suspend = "n",
+       .port = "0",
+       .inheritedPort = "99999999999",
+       .records = " startJVM Enabling JDWP with suspend=n on any available port\n"},
+      {.name = "a negative port, the user's options with every kind of white space",
        .environment = "NORVALED_DEBUG_PORT=-5 NORVALED_JVM_ARGS=' -Db=2\t-Xms64m \v\f\r'",
-       .settings = {.suspend = "y", .port = "-5", .userOptions = "-Db=2\n\t-Xms64m"},
+       .userOptions = "-Db=2\n\t-Xms64m",
+       .suspend = "y",
+       .port = "-5",
+       .inheritedPort = "0",
        .records = " startJVM Enabling JDWP with suspend=y on port  -5\n startJVM Adding JVM args "
-                  "from NORVALED_JVM_ARGS:   -Db=2\t-Xms64m \v\f\r\n",
-       .portInJvm = "0"},
+                  "from NORVALED_JVM_ARGS:   -Db=2\t-Xms64m \v\f\r\n"},
   };
-  for (const Case& expected : cases) {
+  for (const OptionsCase& expected : cases) {
     SCOPED_TRACE(expected.name + ": " + expected.environment);
     const Process process = launch("unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " +
                                    expected.environment + " exec $LAUNCHER");
     EXPECT_EQ(process.ending, exited(0)) << process;
-    const std::string options = documentedOptions(expected.settings, jars);
-    EXPECT_TRUE(isSameText(process.log,
-                           " run Program arguments:  \n"
-                           " resolveJNICreateFunction Loading JLI library from "
-                           "<install>/../jre/Contents/Home/lib/libjli.dylib\n" +
-                               expected.records + " startJVM Using class path:  " +
-                               replaced(jars, ":", "\n") + "\n startJVM JVM Args: " + options +
-                               "\n startJVM Starting JVM\n> NORVALED_DEBUG_PORT=" +
-                               expected.portInJvm + "\n> CreateJavaVM" + options +
-                               R"(
- startJVM Java Virtual Machine is created!
- operator() JVM calling main
-> AttachCurrentThread
-> FindClass(com/norvale/app/daemon/entry/NativeLauncher)
-> GetStaticMethodID(main([Ljava/lang/String;)V)
-> FindClass(java/lang/String)
-> CallStaticIntMethod [<install>/kestrel]
-> ExceptionOccurred
- operator() JVM main ended
- operator() JVM started successfully
-)"));
+    const std::string options = documentedOptions(expected, jars);
+    const std::string untilCreated =
+        R"( run Program arguments:  
+ resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
+)" + expected.records +
+        " startJVM Using class path:  " + replaced(jars, ":", "\n") +
+        "\n startJVM JVM Args: " + options +
+        "\n startJVM Starting JVM"
+        "\n> NORVALED_DEBUG_PORT=" +
+        expected.inheritedPort + "\n> CreateJavaVM" + options +
+        "\n startJVM Java Virtual Machine is created!\n";
+    const std::size_t created = process.log.find(" operator() JVM calling main");
+    EXPECT_TRUE(isSameText(process.log.substr(0, created), untilCreated));
   }
 }
 
-TEST_F(Launcher, FindsItsFilesNextToARelativePath) {
-  const Process process =
-      launch("cd $BIN/..; KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE= exec MacOS/kestrel");
-  EXPECT_EQ(linesWith(process.log, "Loading|class path|Call"), R"(
- resolveJNICreateFunction Loading JLI library from MacOS/../jre/Contents/Home/lib/libjli.dylib
- startJVM Using class path:  
-> CallStaticIntMethod [MacOS/kestrel]
-)" + 1);
-  EXPECT_THAT(process.log, HasSubstr("\n\t-Duser.dir=MacOS\n"));
-}
-
-TEST_F(Launcher, LooksUnderTheRootIfStartedByABareName) {
-  EXPECT_EQ(linesWith(launch("cd $BIN; PATH=. exec kestrel").log, "Loading"),
-            " resolveJNICreateFunction Loading JLI library from "
-            "/../jre/Contents/Home/lib/libjli.dylib\n");
-}
-
-TEST_F(Launcher, TakesAnInstallDirectoryWithoutACheck) {
-  const Process process = launch("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $LAUNCHER");
-  EXPECT_EQ(linesWith(process.log, "Loading"),
-            " resolveJNICreateFunction Loading JLI library from "
-            "none/../jre/Contents/Home/lib/libjli.dylib\n");
+TEST_F(Launcher, FindsItsFilesByThePathItIsStartedBy) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"cd $BIN/..; KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE= exec MacOS/kestrel", "MacOS"},
+      {"cd $BIN; PATH=. exec kestrel", ""},
+      {"KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $LAUNCHER", "none"},  // not checked
+  };
+  for (const auto& [script, directory] : cases) {
+    EXPECT_EQ(linesWith(launch(script).log, "Loading"),
+              " resolveJNICreateFunction Loading JLI library from " + directory +
+                  "/../jre/Contents/Home/lib/libjli.dylib\n")
+        << script;
+  }
 }
 
 TEST_F(Launcher, RecordsThatTheJarsDirectoryIsMissing) {

@@ -1,1 +1,0 @@
-// A library that the launcher has to reject: it exports no JNI_CreateJavaVM.
