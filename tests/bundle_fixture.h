@@ -1,16 +1,21 @@
-// A throw-away bundle with the scripted JVM as its Java runtime, and starts of the launcher in it.
+// A temporary bundle whose Java runtime is the scripted JVM, and shell commands that run in it.
 #ifndef KESTREL_TESTS_BUNDLE_FIXTURE_H_
 #define KESTREL_TESTS_BUNDLE_FIXTURE_H_
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 inline std::string contentOf(const std::string& file) {
   std::ifstream stream(file);
@@ -24,54 +29,138 @@ inline std::string replaced(std::string text, const std::string& from, const std
   return text;
 }
 
-extern "C" char** environ;  // which Apple's headers leave out
+inline std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+// The lines of `text` that match a regular expression somewhere.
+inline std::string linesWith(const std::string& text, const std::string& expression) {
+  std::string found;
+  for (const std::string& line : linesOf(text)) {
+    if (std::regex_search(line, std::regex(expression))) found += line + "\n";
+  }
+  return found;
+}
+
+// For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
+// EXPECT_EQ would also print both texts as a whole.
+inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
+  if (actual == expected) return testing::AssertionSuccess();
+  return testing::AssertionFailure()
+         << "the texts differ (- expected, + actual):\n"
+         << testing::internal::edit_distance::CreateUnifiedDiff(linesOf(expected), linesOf(actual));
+}
+
+inline std::string exited(int status) { return "exited with status " + std::to_string(status); }
+inline std::string killed(int signal) { return std::string("killed: ") + strsignal(signal); }
+
+// A process that has ended.
+struct Process {
+  pid_t pid = 0;
+  std::string ending;  // exited(STATUS) or killed(SIGNAL)
+  std::string output;  // standard output and standard error
+  std::string log;     // the log of this launch alone
+
+  // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
+  friend std::ostream& operator<<(std::ostream& stream, const Process& process) {
+    return stream << "output:\n" << endOf(process.output) << "log:\n" << endOf(process.log);
+  }
+  static std::string endOf(const std::string& text) {
+    constexpr std::size_t SHOWN = 1000;
+    return text.size() > SHOWN ? "... " + text.substr(text.size() - SHOWN) : text;
+  }
+};
+
+extern "C" char** environ;  // not declared by Apple's headers
 
 class BundleFixture : public testing::Test {
  protected:
+  // Tests start with an empty environment, except for the switch that an old JDK needs.
   BundleFixture() {
-    // Of the surroundings only the switch that an old JDK needs is to reach a start.
-    const char* optimizations = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+    const char* value = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
+    static const std::string optimizations = value != nullptr ? value : "";
     environ[0] = nullptr;
-    if (optimizations != nullptr) setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations, 1);
+    setenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS", optimizations.c_str(), 1);  // "" is as if unset
+    setenv("PROJECT", PROJECT, 1);
+    setenv("ROOT", root.c_str(), 1);
+    setenv("BIN", bin.c_str(), 1);
+    setenv("LIB", lib.c_str(), 1);
+    setenv("LAUNCHER", (bin + "/kestrel").c_str(), 1);
+    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
+    setenv("LOG", log.c_str(), 1);
+    setenv("SCRIPT_CALLS", log.c_str(), 1);
+    setenv("MallocNanoZone", "0", 1);  // keeps the address sanitizer quiet on a Mac
+
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
     }
     std::filesystem::create_symlink(KESTREL_LAUNCHER, bin + "/kestrel");
     std::filesystem::create_symlink(SCRIPTED_JVM, runtime + "/libjli.dylib");
-    setenv("ROOT", root.c_str(), 1);
-    setenv("K", (bin + "/kestrel").c_str(), 1);
-    setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
-    setenv("SCRIPT_CALLS", log.c_str(), 1);
   }
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
-  // Runs a line of /bin/sh, mostly one that ends with `exec $K`, the launcher, and expects its exit
-  // status. $ROOT is the folder of it all. Gives the log of this start alone; leaves its `output`.
-  std::string start(const std::string& line, int status = 0) {
-    std::filesystem::remove(log);
-    const int waitStatus = std::system(("exec >$ROOT/output 2>&1; echo $$; " + line).c_str());
-    output = contentOf(root + "/output");
-    const std::string pid = output.substr(0, output.find('\n'));
-    output = readable(output.substr(pid.size() + 1), pid);
-    std::string records = readable(contentOf(log), pid);
-    EXPECT_EQ(waitStatus, W_EXITCODE(status, 0))
-        << WEXITSTATUS(waitStatus) << " of " << line << "\n"
-        << output << records;
-    return records;
+  // Runs a script with /bin/sh. $ROOT is the test's directory; $LAUNCHER, its folder $BIN
+  // and $LIB are in the bundle; $LOG is the log; $PROJECT is the checkout.
+  Process run(const std::string& script) const {
+    const std::string outputFile = root + "/output";
+    Process process;
+    process.pid = fork();
+    if (process.pid == 0) {
+      const int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(output, STDOUT_FILENO);
+      dup2(output, STDERR_FILENO);
+      close(output);
+      execl("/bin/sh", "sh", "-c", script.c_str(), nullptr);
+      _exit(127);
+    }
+    int waitStatus = 0;
+    if (waitpid(process.pid, &waitStatus, 0) != process.pid) throw std::runtime_error("no child");
+    process.ending =
+        WIFSIGNALED(waitStatus) ? killed(WTERMSIG(waitStatus)) : exited(WEXITSTATUS(waitStatus));
+    process.output = readable(contentOf(outputFile), process.pid);
+    return process;
   }
 
-  // With names, as docs/options.md has them, in the place of what varies, and without the banner
-  // and the heads of records that the process `pid` has written.
-  [[nodiscard]] std::string readable(std::string text, const std::string& pid) const {
-    const std::regex head(VERSION " " + pid + R"( .{23} INFO   ---- \(native\)                 )");
-    text = replaced(std::regex_replace(text, head, ""), banner, "");
+  // Runs a script that ends with `exec $LAUNCHER`, and reads the log of this launch.
+  Process launch(const std::string& script) const {
+    std::filesystem::remove(log);
+    Process process = run(script);
+    process.log = readable(contentOf(log), process.pid);
+    return process;
+  }
+
+  // The output of a script that has to succeed.
+  std::string outputOf(const std::string& script) const {
+    const Process process = run(script);
+    EXPECT_EQ(process.ending, exited(0)) << script << "\n" << process;
+    return process.output;
+  }
+
+  // What tools/log shows for the launch: status and outcome, such as "0 main returned 0".
+  std::string whatHappened(const Process& launch) const {
+    const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
+    const std::string timeAndPid = "^.{19} +" + std::to_string(launch.pid) + " +";
+    const std::regex columns(timeAndPid + "[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
+    return std::regex_replace(linesWith(overview, timeAndPid), columns, "$1 $2");
+  }
+
+  // Replaces variable parts by the placeholders of docs/options.md, and strips the banner and the
+  // record prefixes of the process.
+  std::string readable(std::string text, pid_t process) const {
+    const std::string pid = std::to_string(process);
+    const std::regex prefix(VERSION " " + pid +
+                            R"( .{23} INFO   ---- \(native\)                 )");
+    text = replaced(std::regex_replace(text, prefix, ""), banner, "");
     text = replaced(replaced(text, bin, "<install>"), logs, "<logs>");
     return replaced(replaced(text, "-" + pid + ".", "-<pid>."), VERSION, "<version>");
   }
 
   const std::string banner = "\n\n==========================================\nLogger initialized\n";
   const std::string root = [] {
-    std::string name = "/tmp/kestrel-XXXXXX";  // no blank in it
+    std::string name = "/tmp/kestrel-XXXXXX";  // scripts rely on a path without blanks
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
     return name;
   }();
@@ -81,7 +170,6 @@ class BundleFixture : public testing::Test {
   const std::string runtime = contents + "/jre/Contents/Home/lib";
   const std::string logs = root + "/logs";
   const std::string log = logs + "/kestrel-native.log";
-  std::string output;  // standard output and standard error
 };
 
 #endif  // KESTREL_TESTS_BUNDLE_FIXTURE_H_

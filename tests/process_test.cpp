@@ -1,220 +1,340 @@
-// Starts of the launcher: command line, environment and bundle in; the log, the JVM's calls, output
-// and exit status out.
-#include <vector>
+// Launches the launcher in a bundle with the scripted JVM: its log, the calls to the JVM, and how
+// it exits.
+#include <algorithm>
+#include <map>
 
 #include "tests/bundle_fixture.h"
 
 namespace fs = std::filesystem;
-using testing::AllOf, testing::ContainsRegex, testing::EndsWith, testing::HasSubstr;
+using testing::HasSubstr, testing::StartsWith;
 
 namespace {
 
 using Launcher = BundleFixture;
-using RealJvm = BundleFixture;  // the sanitizers leave these out by their name
 
-// Up to the end of the first `words`.
-std::string upTo(const std::string& text, const std::string& words) {
-  return text.substr(0, text.find(words) + words.size());
+// The end of `text` that begins with `words`, or all of it if they are not there.
+std::string from(const std::string& words, const std::string& text) {
+  const std::size_t begin = text.find(words);
+  return begin == std::string::npos ? text : text.substr(begin);
 }
 
-TEST_F(Launcher, EndsAsTheJavaEntryDoes) {
-  const std::string success = R"( operator() JVM calling main
+TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
+  const std::string foundClass = R"( operator() JVM calling main
 > AttachCurrentThread
 > FindClass(com/norvale/app/daemon/entry/NativeLauncher)
-> GetStaticMethodID(main([Ljava/lang/String;)V)
+)";
+  const std::string calledMain = foundClass + R"(> GetStaticMethodID(main([Ljava/lang/String;)V)
 > FindClass(java/lang/String)
 > CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]
-> ExceptionOccurred
- operator() JVM main ended
- operator() JVM started successfully
 )";
-  const std::string printing = R"(> ExceptionOccurred
+  const std::string printedException = R"(> ExceptionOccurred
 > FindClass(java/lang/Throwable)
 > GetMethodID(printStackTrace()V)
 > CallVoidMethod
 > DeleteLocalRef
 > ExceptionClear
 )";
-  const std::string missing = R"(> FindClass(com/norvale/app/daemon/entry/NativeLauncher)
- callMainMethod Failed to find  NativeLauncher  class
-)";
-  const std::string call = "> CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]\n";
-  const std::string threw = " callMainMethod Method ' main ' failed with exception!\n";
-  const std::string ended = " operator() JVM main ended\n";
-  // Script, status, and the end of the records, which replaces success from its own first line on.
-  const std::vector<std::tuple<std::string, int, std::string>> rows = {
-      {"SCRIPT_status=0", 0, success},
-      {"SCRIPT_status=1", 0, ended + " operator() JVM exit after startup is set, exiting\n"},
-      {"SCRIPT_status=-1", 255, ended},
-      {"SCRIPT_status=7", 7, "> ExceptionOccurred\n"},
-      {"SCRIPT_attach=-5", 103,
-       "> AttachCurrentThread\n callMainMethod Failed to attach native thread to JVM\n"},
-      {"SCRIPT_NativeLauncher=throws", 104,
-       missing + printing +
-           " callMainMethod Finding  NativeLauncher  class failed with exception!\n"},
-      {"SCRIPT_NativeLauncher=missing", 105, missing + "> ExceptionOccurred\n"},
-      {"SCRIPT_main=throws", 106,
-       "> GetStaticMethodID(main([Ljava/lang/String;)V)\n"
-       " callMainMethod Failed to find method ' main ' on  NativeLauncher\n"},
-      {"SCRIPT_status=2 SCRIPT_call=throws", 107,
-       call + " callMainMethod Failed to invoke method ' main ' on the  NativeLauncher\n"},
-      {"SCRIPT_call=throws", 108, call + printing + threw},
-      {"SCRIPT_call=throws SCRIPT_Throwable=missing", 108,
-       call + upTo(printing, "Throwable)\n") +
-           " checkFailureAndLog Failed to find Throwable class\n" + threw},
-      {"SCRIPT_call=throws SCRIPT_printStackTrace=missing", 108,
-       call + upTo(printing, "()V)\n") +
-           " checkFailureAndLog Failed to find Throwable#printStackTrace class\n" + threw},
+  const auto reported = [](int status) {
+    return " operator() JVM main ended\n"
+           " reportFatalAndExit Failed to initialize Kestrel JVM application: " +
+           std::to_string(status) + "\n";
   };
-  for (const auto& [script, status, end] : rows) {
-    std::string expected = success.substr(0, success.find(upTo(end, "\n"))) + end;
-    if (status >= 2 && status < 255) {
-      expected += ended + " reportFatalAndExit Failed to initialize Kestrel JVM application: " +
-                  std::to_string(status) + "\n";
+  struct Case {
+    std::string script;  // for the scripted JVM
+    int status;
+    std::string whatHappened;
+    std::string log;  // from the JVM's creation on
+  };
+  const std::vector<Case> cases = {
+      {"SCRIPT_status=0", 0, "main returned 0", calledMain + R"(> ExceptionOccurred
+ operator() JVM main ended
+ operator() JVM started successfully
+)"},
+      {"SCRIPT_status=1", 0, "main returned 1", calledMain + R"(> ExceptionOccurred
+ operator() JVM main ended
+ operator() JVM exit after startup is set, exiting
+)"},
+      {"SCRIPT_status=-1", 255, "main returned a negative value",
+       calledMain + R"(> ExceptionOccurred
+ operator() JVM main ended
+)"},
+      {"SCRIPT_status=7", 7, "main returned 7", calledMain + "> ExceptionOccurred\n" + reported(7)},
+      {"SCRIPT_attach=-5", 103, "attaching the thread failed", R"( operator() JVM calling main
+> AttachCurrentThread
+ callMainMethod Failed to attach native thread to JVM
+)" + reported(103)},
+      {"SCRIPT_NativeLauncher=throws", 104, "the entry class cannot be loaded",
+       foundClass + " callMainMethod Failed to find  NativeLauncher  class\n" + printedException +
+           " callMainMethod Finding  NativeLauncher  class failed with exception!\n" +
+           reported(104)},
+      {"SCRIPT_NativeLauncher=missing", 105, "the entry class cannot be loaded",
+       foundClass + R"( callMainMethod Failed to find  NativeLauncher  class
+> ExceptionOccurred
+)" + reported(105)},
+      {"SCRIPT_main=throws", 106, "the entry class has no such main",
+       foundClass + R"(> GetStaticMethodID(main([Ljava/lang/String;)V)
+ callMainMethod Failed to find method ' main ' on  NativeLauncher
+)" + reported(106)},
+      {"SCRIPT_status=2 SCRIPT_call=throws", 107, "main could not start the application",
+       calledMain + " callMainMethod Failed to invoke method ' main ' on the  NativeLauncher\n" +
+           reported(107)},
+      {"SCRIPT_call=throws", 108, "main threw an exception",
+       calledMain + printedException + " callMainMethod Method ' main ' failed with exception!\n" +
+           reported(108)},
+      {"SCRIPT_call=throws SCRIPT_Throwable=missing", 108, "main threw an exception",
+       calledMain + R"(> ExceptionOccurred
+> FindClass(java/lang/Throwable)
+ checkFailureAndLog Failed to find Throwable class
+ callMainMethod Method ' main ' failed with exception!
+)" + reported(108)},
+      {"SCRIPT_call=throws SCRIPT_printStackTrace=missing", 108, "main threw an exception",
+       calledMain + R"(> ExceptionOccurred
+> FindClass(java/lang/Throwable)
+> GetMethodID(printStackTrace()V)
+ checkFailureAndLog Failed to find Throwable#printStackTrace class
+ callMainMethod Method ' main ' failed with exception!
+)" + reported(108)},
+  };
+  for (const Case& expected : cases) {
+    SCOPED_TRACE(expected.script);
+    const Process process = launch(expected.script + " exec $LAUNCHER 'a  b' '' größe");
+    EXPECT_EQ(process.ending, exited(expected.status)) << process;
+    EXPECT_THAT(process.log, StartsWith(" run Program arguments:  a  b  größe \n"));
+    EXPECT_EQ(from(" operator() JVM calling main", process.log), expected.log);
+    EXPECT_EQ(whatHappened(process), std::to_string(expected.status) + " " + expected.whatHappened);
+  }
+}
+
+TEST_F(Launcher, ExitsWith53IfTheRuntimeCannotBeLoaded) {
+  fs::remove(runtime + "/libjli.dylib");
+  const Process process = launch("exec $LAUNCHER");
+  EXPECT_EQ(process.ending, exited(53)) << process;
+  // Each system's loader words the reason in its own way, but names the file.
+  const std::regex reason("( :  ).*/libjli.dylib.*");
+  EXPECT_EQ(std::regex_replace(process.log, reason, "$1<reason>"), R"( run Program arguments:  
+ resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
+ resolveJNICreateFunction Cannot load  <install>/../jre/Contents/Home/lib/libjli.dylib :  <reason>
+ startJVM Failed to locate exported function to start VM
+ reportFatalAndExit Failed to start JVM
+)");
+  EXPECT_THAT(whatHappened(process), StartsWith("53 the runtime could not be loaded: "));
+}
+
+TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
+  const Process process = launch("SCRIPT_create=-4 exec $LAUNCHER");
+  EXPECT_EQ(process.ending, exited(53)) << process;
+  EXPECT_EQ(from(" startJVM Error", process.log),
+            R"( startJVM Error creating VM: code= -4 . Exiting...
+
+ reportFatalAndExit Failed to start JVM
+)");
+  EXPECT_EQ(whatHappened(process), "53 the JVM could not be created: -4");
+}
+
+TEST_F(Launcher, CreatesAStrictJvm10InASessionOfItsOwn) {
+  EXPECT_EQ(linesWith(launch("SCRIPT_inspect=1 exec $LAUNCHER").log,
+                      "^> (version|ignoreUnrecognized|session|options)"),
+            R"(> version a0000
+> ignoreUnrecognized 0
+> session leader 1
+> options with extraInfo vfprintf exit abort
+)");
+}
+
+// A launch that differs from the default, and how its options do.
+struct OptionsCase {
+  std::string name;
+  std::string environment;
+  bool aggressiveOptimizations = true;
+  bool aggressiveReclaim = true;
+  std::string collector = "G1";
+  std::string maxPauseMillis = "100";
+  std::string temporaryDir{};
+  std::string userOptions{};
+  std::string suspend{};
+  std::string port{};
+  std::string inheritedPort{};  // what the JVM finds in NORVALED_DEBUG_PORT
+  std::string records{};        // what the launcher logs about these
+};
+
+// The options that docs/options.md promises for a launch, in the form of the log.
+std::string documentedOptions(const OptionsCase& launch, const std::string& jars) {
+  // Phrases of the third column, and whether they remove an option from this launch.
+  const std::map<std::string, bool> conditions = {
+      {"not passed if `KESTREL_AGGRESSIVE_OPTIMIZATIONS=0`", !launch.aggressiveOptimizations},
+      {"not passed if `KESTREL_GC_AGGRESSIVE_RECLAIM=0`", !launch.aggressiveReclaim},
+      {"not passed if `KESTREL_GC_FORCE_SERIAL_GC=1`", launch.collector == "Serial"},
+      {"G1 only", launch.collector != "G1"},
+      {"only if `TMPDIR` names a directory", launch.temporaryDir.empty()},
+      {"only if `NORVALED_JVM_ARGS` is set", launch.userOptions.empty()},
+      {"only if `NORVALED_DEBUG_PORT` is set", launch.port.empty()},
+  };
+  const std::map<std::string, std::string> replacements = {
+      {"UseG1GC", "Use" + launch.collector + "GC"},
+      {"MaxGCPauseMillis=100", "MaxGCPauseMillis=" + launch.maxPauseMillis},
+      {"<TMPDIR>", launch.temporaryDir},
+      {"each word of NORVALED_JVM_ARGS", launch.userOptions},
+      {"<y or n>", launch.suspend},
+      {"<port>", launch.port},
+      {"<jars>", jars},
+      {"<size>", "384"},
+  };
+  const std::regex row(R"(\| ([^|]*`[^|]*) \|[^|]*\|([^|]*)\|)");
+  std::string options = "\n\t";
+  for (const std::string& line : linesOf(contentOf(PROJECT "/docs/options.md"))) {
+    if (line.starts_with("## ") && options != "\n\t") break;  // later tables have no options
+    std::smatch cells;
+    if (!std::regex_match(line, cells, row)) continue;
+    std::string option = replaced(cells[1], "`", "");
+    const std::string changedBy = cells[2];
+    bool isPassed = true;
+    for (const auto& [phrase, removes] : conditions) {
+      if (removes && changedBy.find(phrase) != std::string::npos) isPassed = false;
     }
-    EXPECT_THAT(start(script + " exec $K 'a  b' '' größe", status),
-                AllOf(HasSubstr(" run Program arguments:  a  b  größe \n"),
-                      EndsWith("is created!\n" + expected)))
+    if (!isPassed) continue;
+    if (option == "-XX:+UseG1GC" && launch.collector != "G1") {
+      EXPECT_THAT(changedBy, HasSubstr("`-XX:+Use" + launch.collector + "GC`"));
+    }
+    for (const auto& [from, to] : replacements) option = replaced(option, from, to);
+    options += option + "\n\t";
+  }
+  return options;
+}
+
+TEST_F(Launcher, PassesTheDocumentedOptions) {
+  for (const std::string name : {"b.jar", "a.jar", "ajar", "A.JAR", ".jar"}) {
+    std::ofstream(lib + "/" + name).close();
+  }
+  fs::create_directory(lib + "/folder.jar");
+  fs::create_symlink(root, root + "/link");
+  std::string jars;
+  for (const fs::directory_entry& entry : fs::directory_iterator(lib)) {  // in its own order
+    const std::string name = entry.path().filename();
+    if (name.ends_with(".jar")) jars += (jars.empty() ? "" : ":") + ("<install>/../lib/" + name);
+  }
+  const std::vector<OptionsCase> cases = {
+      {.name = "no value begins with the digit that turns its switch",
+       .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=false KESTREL_GC_FORCE_SERIAL_GC=true "
+                      "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM=no"},
+      {.name = "empty values",
+       .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS= KESTREL_GC_FORCE_SERIAL_GC= "
+                      "KESTREL_GC_FORCE_PARALLEL_GC= KESTREL_GC_AGGRESSIVE_RECLAIM= TMPDIR= "
+                      "KESTREL_GC_MAX_PAUSE_MILLIS= NORVALED_DEBUG_PORT= NORVALED_JVM_ARGS=",
+       .maxPauseMillis = ""},
+      {.name = "groups switched off, a temporary directory that is a file",
+       .environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=0ff KESTREL_GC_AGGRESSIVE_RECLAIM=0abc "
+                      "KESTREL_GC_MAX_PAUSE_MILLIS=abc TMPDIR=$LAUNCHER",
+       .aggressiveOptimizations = false,
+       .aggressiveReclaim = false,
+       .maxPauseMillis = "abc"},
+      {.name = "the serial collector, even if both are forced; a link to a temporary directory",
+       .environment = "KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1 "
+                      "TMPDIR=$ROOT/link/",
+       .collector = "Serial",
+       .temporaryDir = root + "/link/"},
+      {.name = "the parallel collector, a missing temporary directory",
+       .environment = "KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10 "
+                      "TMPDIR=$ROOT/missing",
+       .collector = "Parallel"},
+      {.name = "a debugger's port with text after it",
+       .environment = "NORVALED_DEBUG_PORT=5005x",
+       .suspend = "y",
+       .port = "5005",
+       .inheritedPort = "0",
+       .records = " startJVM Enabling JDWP with suspend=y on port  5005\n"},
+      {.name = "a debugger's port that no int can hold",
+       .environment = "NORVALED_DEBUG_PORT=99999999999",
+       .suspend = "n",
+       .port = "0",
+       .inheritedPort = "99999999999",
+       .records = " startJVM Enabling JDWP with suspend=n on any available port\n"},
+      {.name = "a negative port, the user's options with every kind of white space",
+       .environment = "NORVALED_DEBUG_PORT=-5 NORVALED_JVM_ARGS=' -Db=2\t-Xms64m \v\f\r'",
+       .userOptions = "-Db=2\n\t-Xms64m",
+       .suspend = "y",
+       .port = "-5",
+       .inheritedPort = "0",
+       .records = " startJVM Enabling JDWP with suspend=y on port  -5\n startJVM Adding JVM args "
+                  "from NORVALED_JVM_ARGS:   -Db=2\t-Xms64m \v\f\r\n"},
+  };
+  for (const OptionsCase& expected : cases) {
+    SCOPED_TRACE(expected.name + ": " + expected.environment);
+    const Process process = launch("unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " +
+                                   expected.environment + " exec $LAUNCHER");
+    EXPECT_EQ(process.ending, exited(0)) << process;
+    const std::string options = documentedOptions(expected, jars);
+    const std::string untilCreated =
+        R"( run Program arguments:  
+ resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
+)" + expected.records +
+        " startJVM Using class path:  " + replaced(jars, ":", "\n") +
+        "\n startJVM JVM Args: " + options +
+        "\n startJVM Starting JVM"
+        "\n> NORVALED_DEBUG_PORT=" +
+        expected.inheritedPort + "\n> CreateJavaVM" + options +
+        "\n startJVM Java Virtual Machine is created!\n";
+    const std::size_t created = process.log.find(" operator() JVM calling main");
+    EXPECT_TRUE(isSameText(process.log.substr(0, created), untilCreated));
+  }
+}
+
+TEST_F(Launcher, FindsItsFilesByThePathItIsStartedBy) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"cd $BIN/..; KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE= exec MacOS/kestrel", "MacOS"},
+      {"cd $BIN; PATH=. exec kestrel", ""},
+      {"KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $LAUNCHER", "none"},  // not checked
+  };
+  for (const auto& [script, directory] : cases) {
+    EXPECT_EQ(linesWith(launch(script).log, "Loading"),
+              " resolveJNICreateFunction Loading JLI library from " + directory +
+                  "/../jre/Contents/Home/lib/libjli.dylib\n")
         << script;
   }
 }
 
-TEST_F(Launcher, EndsWith53WithoutRuntime) {
-  fs::remove(runtime + "/libjli.dylib");
-  const std::string path = "<install>/../jre/Contents/Home/lib/libjli.dylib";
-  const std::string reason = " resolveJNICreateFunction Cannot load  " + path + " :  " + path;
-  EXPECT_THAT(start("exec $K", 53), AllOf(HasSubstr(reason), EndsWith(R"(
- startJVM Failed to locate exported function to start VM
- reportFatalAndExit Failed to start JVM
-)")));
-}
-
-TEST_F(Launcher, GivesTheJvmItsDocumentedOptions) {
-  start(R"(cd ${K%/*}/../lib; touch b.jar a.jar ajar A.JAR .jar; mkdir folder.jar
-      ln -s $ROOT $ROOT/link; find ${K%/*}/../lib -name '*.jar')");
-  const std::string jars = output.substr(0, output.size() - 1);  // in the directory's own order
-  const std::string suspendIs = "s/<y or n>/";
-  const std::string onAnyPort = " startJVM Enabling JDWP with suspend=n on any available port\n";
-  const std::string waitsOnPort = " startJVM Enabling JDWP with suspend=y on port  ";
-  const std::string words = " -Db=2\t-Xms64m \v\f\r";
-  // The environment, what it changes in the document, its own records, and the port left in it.
-  const std::vector<std::tuple<std::string, std::string, std::string, std::string>> rows = {
-      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS=false KESTREL_GC_FORCE_SERIAL_GC= TMPDIR=$K "
-       "KESTREL_GC_FORCE_PARALLEL_GC=true KESTREL_GC_AGGRESSIVE_RECLAIM= NORVALED_JVM_ARGS=",
-       "", "", ""},
-      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS= KESTREL_GC_FORCE_SERIAL_GC=true TMPDIR=$ROOT/missing "
-       "KESTREL_GC_AGGRESSIVE_RECLAIM=no KESTREL_GC_MAX_PAUSE_MILLIS=abc NORVALED_DEBUG_PORT=",
-       "s/Millis=100/Millis=abc/", "", ""},
-      {"KESTREL_AGGRESSIVE_OPTIMIZATIONS=0ff KESTREL_GC_AGGRESSIVE_RECLAIM=0abc "
-       "KESTREL_GC_FORCE_PARALLEL_GC= KESTREL_GC_MAX_PAUSE_MILLIS=",
-       "s/Millis=100/Millis=/; /gone with .*OPTIMIZATIONS/d; /gone with .*RECLAIM/d", "", ""},
-      {"KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1 TMPDIR=$ROOT/link/",
-       "s/UseG1/UseSerial/; /G1 only/d; /gone with .*SERIAL/d; s,<TMPDIR>," + root + "/link/,", "",
-       ""},
-      {"KESTREL_GC_FORCE_SERIAL_GC=0 KESTREL_GC_FORCE_PARALLEL_GC=10",
-       "s/UseG1/UseParallel/; /G1 only/d", "", ""},
-      {"NORVALED_DEBUG_PORT=5005x", suspendIs + "y/; s/<port>/5005/", waitsOnPort + "5005\n", "0"},
-      {"NORVALED_DEBUG_PORT=99999999999", suspendIs + "n/; s/<port>/0/", onAnyPort, "99999999999"},
-      {"NORVALED_DEBUG_PORT=-5 NORVALED_JVM_ARGS='" + words + "'",
-       suspendIs + "y/; s/<port>/-5/; s/^| each word.*/| `-Db=2@-Xms64m`/",
-       waitsOnPort + "-5\n startJVM Adding JVM args from NORVALED_JVM_ARGS:  " + words + "\n", "0"},
-  };
-  const std::string sedToOptions = R"(; /<TMPDIR>`/d; /<port>`/d; s/<size>/384/; y/@/\n/
-      s/^| `\([^`]*\)`.*/\1/p' ")" PROJECT "/docs/options.md\"";
-  const std::string untilCreated = R"( run Program arguments:  
- resolveJNICreateFunction Loading JLI library from <install>/../jre/Contents/Home/lib/libjli.dylib
-<records> startJVM Using class path:  <jars>
- startJVM JVM Args: <options>
- startJVM Starting JVM
-> CreateJavaVM <port><options>
- startJVM Java Virtual Machine is created!
-)";
-  for (const auto& [environment, edit, records, port] : rows) {
-    start("sed -n '/^## /q; " + edit + sedToOptions);
-    std::string options = replaced("\n" + output, "\n", "\n\t");
-    options = replaced(options, "<jars>", replaced(jars, "\n", ":"));
-    std::string expected = replaced(replaced(untilCreated, "<records>", records), "<jars>", jars);
-    expected = replaced(replaced(expected, "<options>", options), "<port>", port);
-    const std::string line = "unset KESTREL_AGGRESSIVE_OPTIMIZATIONS; " + environment + " exec $K";
-    EXPECT_EQ(upTo(start(line), "is created!\n"), expected) << "docs/options.md: " << environment;
-  }
-}
-
-TEST_F(Launcher, FindsItsFilesFromTheNameItIsStartedBy) {
-  const std::string noJars = "\n startJVM Using class path:  \n";
-  EXPECT_THAT(start("cd ${K%/*/*}; KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE= exec MacOS/kestrel"),
-              AllOf(HasSubstr(" from MacOS/../jre/Contents/Home/lib/libjli.dylib" + noJars),
-                    HasSubstr("\n\t-Duser.dir=MacOS\n"), HasSubstr("Method [MacOS/kestrel]\n")));
-  // A bare name's bundle is looked for under the root, and nobody checks an override.
-  EXPECT_THAT(start("cd ${K%/*}; PATH=. exec kestrel", 53), HasSubstr(" from /../jre/"));
-  EXPECT_THAT(start("KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=none exec $K", 53),
-              HasSubstr(" from none/../jre/"));
+TEST_F(Launcher, RecordsThatTheJarsDirectoryIsMissing) {
   fs::remove(lib);
-  const std::string missing = "Directory  <install>/../lib/  is missing or not accessible";
-  EXPECT_THAT(start("exec $K"), HasSubstr("\n collectJars " + missing + noJars));
+  const Process process = launch("exec $LAUNCHER");
+  EXPECT_EQ(process.ending, exited(0)) << process;
+  EXPECT_EQ(linesWith(process.log, "collectJars|Using class path"),
+            R"( collectJars Directory  <install>/../lib/  is missing or not accessible
+ startJVM Using class path:  
+)");
 }
 
 TEST_F(Launcher, LogsWhereTheEnvironmentSays) {
-  const std::string unset = "unset KESTREL_NATIVE_LOG_DIR_OVERRIDE; ";
-  const std::string chosen = "KESTREL_NATIVE_LOG_DIR_OVERRIDE=";
-  const std::vector<std::pair<std::string, std::string>> rows = {
-      {chosen + "$ROOT/new/deep TEST_TMPDIR=$ROOT/t", "new/deep"},
-      {chosen + "$ROOT/at//its/end/", "at/its/end"},
-      {chosen + "$ROOT/link", "relative"},
-      {unset + "TEST_TMPDIR=$ROOT/t HOME=$ROOT", "t/nativeLogs"},
-      {unset + "HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
-      // None of these can be used.
-      {unset, ""},
-      {chosen + " TEST_TMPDIR=$ROOT/other", ""},
-      {chosen + "relative", ""},
-      {chosen + "$K", ""},
+  struct Case {
+    std::string environment;
+    std::string directory;  // empty if none can be used
   };
-  start("cd $ROOT; mkdir relative; ln -s relative link");
-  for (const auto& [environment, directory] : rows) {
-    start("cd $ROOT; umask 0; " + environment + " exec $K", directory.empty() ? 1 : 0);
-    EXPECT_EQ(output, "");
-    EXPECT_NE(fs::exists(root + "/" + directory + "/kestrel-native.log"), directory.empty());
+  const std::vector<Case> cases = {
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/new/deep TEST_TMPDIR=$ROOT/other", "new/deep"},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/at//its/end/", "at/its/end"},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/link", "target"},
+      {"TEST_TMPDIR=$ROOT/other HOME=$ROOT", "other/nativeLogs"},
+      {"HOME=$ROOT/home", "home/Library/Logs/Norvale/Kestrel-Dev"},
+      {"", ""},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE= TEST_TMPDIR=$ROOT/other", ""},
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=target", ""},  // relative
+      {"KESTREL_NATIVE_LOG_DIR_OVERRIDE=$LAUNCHER", ""},
+  };
+  unsetenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE");
+  setenv("SCRIPT_CALLS", "/dev/null", 1);
+  outputOf("cd $ROOT; mkdir target; ln -s target link");
+  for (const auto& [environment, directory] : cases) {
+    SCOPED_TRACE(environment);
+    const Process process = launch("cd $ROOT; " + environment + " exec $LAUNCHER");
+    EXPECT_EQ(process.ending, exited(directory.empty() ? 1 : 0)) << process;
+    EXPECT_EQ(process.output, "");
+    EXPECT_EQ(outputOf("cd $ROOT; find * -name kestrel-native.log -exec rm {} ';' -print"),
+              directory.empty() ? "" : directory + "/kestrel-native.log\n");
   }
-  start("cd $ROOT; find new at t home -type d ! -perm 700");
-  EXPECT_EQ(output, "") << "others may read these";
 }
 
-// What docs/application.md tells the application's team, with a real JVM and the sample.
-TEST_F(RealJvm, RunsApplications) {
-  fs::remove_all(contents + "/jre");
-  fs::create_directory_symlink(KESTREL_JRE, contents + "/jre");
-  fs::copy_file(SAMPLE_JAR, lib + "/sample.jar");
-  const std::string success = " operator() JVM started successfully";
-  // A start, its status, what it puts out, and the end of its log.
-  const std::vector<std::tuple<std::string, int, std::string, std::string>> rows = {
-      {"cd $ROOT; LC_ALL=C.UTF-8 $K write größe 'two words' && echo gr*", 0,
-       "argument 0: <install>/kestrel\nargument 1: write\nargument 2: größe\n"
-       "argument 3: two words\nKESTREL_VERSION=<version>\n.*\nuser.dir=<install>\ngröße\n$",
-       success},
-      // No thread outlives main, no hook runs. Each collector accepts what is left of the list.
-      {"KESTREL_GC_FORCE_PARALLEL_GC=1 NORVALED_DEBUG_PORT=0 exec $K leave", 0,
-       "Listening for transport dt_socket at address: .*\nuser.dir=[^\n]*\n$", success},
-      {"KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0 exec $K throw", 108,
-       "IllegalStateException: the sample was asked to throw", " application: 108"},
-      // A first signal shows the threads' stacks and lets the application go on, a second ends it.
-      {R"((until grep -qs 'Full thread dump' $ROOT/logs/kestrel-native.log; do
-        kill -0 $$ && sleep 0.1 || exit
-      done; kill -TERM $$) & exec $K signal QUIT)",
-       143, "\na hook ran\n", " jvm_exit JVM: exit( 143 )"},
-      {"$K exhaust; status=$?; ls $ROOT/logs; exit $status", 134,
-       "fatal error: OutOfMemory encountered.*\nkestrel-error-[0-9]+.log\n"
-       "kestrel-native.log\nkestrel-oom-[0-9]+.hprof\n$",
-       " jvm_abort JVM: abort()"},
-      {R"(cd $ROOT && rm ${K%/*}/../lib/*
-      sed -n '/^```java$/,/^```$/{//!p;}' ")" PROJECT
-       R"(/docs/application.md" >NativeLauncher.java
-      ')" JAVAC R"(' -d ${K%/*}/../lib/example.jar NativeLauncher.java; exec $K one two)",
-       3, "hello one two\n$", " jvm_exit JVM: exit( 3 )"},
-  };
-  for (const auto& [line, status, printed, lastRecord] : rows) {
-    EXPECT_THAT(start(line, status), EndsWith(lastRecord + "\n")) << line;
-    EXPECT_THAT(output, ContainsRegex(printed)) << line;
-  }
+TEST_F(Launcher, MakesLogDirectoriesForTheOwnerAlone) {
+  launch("umask 0; KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/new/deep exec $LAUNCHER");
+  EXPECT_EQ(fs::status(root + "/new").permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(root + "/new/deep").permissions(), fs::perms::owner_all);
 }
 
 }  // namespace

@@ -1,12 +1,18 @@
-// A runtime library that notes each call in the file SCRIPT_CALLS, options as the launcher lists
-// them, and answers as its script says: SCRIPT_create, SCRIPT_attach and SCRIPT_status, which is
-// main's, are codes; of a class or method, or "call" for main, SCRIPT_NAME is "throws" or
-// "missing".
+// A fake runtime library. Appends each call to the file SCRIPT_CALLS, as a line that begins with
+// ">", and answers from the environment:
+//
+//   SCRIPT_create, SCRIPT_attach    the code to return, instead of JNI_OK
+//   SCRIPT_status                   the status that main returns, instead of 0
+//   SCRIPT_call=throws              main throws an exception
+//   SCRIPT_NAME=missing or throws   the class or method NAME is not found; "throws" leaves an
+//                                   exception pending
+//   SCRIPT_inspect                  if set, more about the JVM's creation is written
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,24 +38,22 @@ void note(const std::string& call) {
 }
 
 template <typename Reference>
-Reference lookUp(const std::string& call, const char* name, const std::string& type = "") {
-  const std::string path = name;
+Reference lookUp(const std::string& call, const std::string& path, const std::string& type = "") {
   note(call + "(" + path + type + ")");
-  return script(path.substr(path.rfind('/') + 1)).empty() ? reinterpret_cast<Reference>(1)
-                                                          : nullptr;
+  const bool isFound = script(path.substr(path.rfind('/') + 1)).empty();
+  return isFound ? reinterpret_cast<Reference>(1) : nullptr;
 }
 
-jint runMain(JNIEnv*, jclass, jmethodID, va_list list) {
+jint callMain(jobject arguments) {
   std::string call = "CallStaticIntMethod";
-  if (va_arg(list, jobject) != reinterpret_cast<jobject>(&mainArguments))
-    call += " with something else";
+  if (arguments != reinterpret_cast<jobject>(&mainArguments)) call += " with another array than";
   for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
   note(call);
-  script("call");  // which may throw
+  script("call");
   return scriptedCode("status");
 }
 
-// A call of a function that is not filled in crashes, as it should.
+// Functions that the launcher does not need stay null, so that calling them crashes.
 const JNINativeInterface_ environmentFunctions = [] {
   JNINativeInterface_ f{};
   f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>("FindClass", name); };
@@ -69,7 +73,13 @@ const JNINativeInterface_ environmentFunctions = [] {
   f.SetObjectArrayElement = [](JNIEnv*, jobjectArray, jsize index, jobject text) {
     mainArguments.at(index) = reinterpret_cast<const char*>(text);
   };
-  f.CallStaticIntMethodV = runMain;
+  f.CallStaticIntMethodV = [](JNIEnv*, jclass, jmethodID, va_list original) {
+    va_list arguments;  // clang-tidy takes the original for a constant where it is a pointer
+    va_copy(arguments, original);
+    auto* array = va_arg(arguments, jobject);
+    va_end(arguments);
+    return callMain(array);
+  };
   f.ExceptionOccurred = [](JNIEnv*) {
     note("ExceptionOccurred");
     return pending;
@@ -87,20 +97,29 @@ jint attach(JavaVM*, void** env, void*) {
   return scriptedCode("attach");
 }
 
+void inspect(const JavaVMInitArgs& init) {
+  std::ostringstream facts;
+  facts << "version " << std::hex << init.version << "\n> ignoreUnrecognized "
+        << int{init.ignoreUnrecognized} << "\n> session leader " << (getsid(0) == getpid())
+        << "\n> options with extraInfo";
+  for (int i = 0; i < init.nOptions; ++i) {
+    if (init.options[i].extraInfo != nullptr) facts << " " << init.options[i].optionString;
+  }
+  note(facts.str());
+}
+
 }  // namespace
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
-  const auto* init = static_cast<JavaVMInitArgs*>(arguments);
-  bool isAsExpected = init->version == 0x000A0000 && !init->ignoreUnrecognized;
-  if (getsid(0) != getpid()) isAsExpected = false;  // the launcher leads a session of its own
+  const auto& init = *static_cast<const JavaVMInitArgs*>(arguments);
   const char* port = std::getenv("NORVALED_DEBUG_PORT");
-  std::string call = std::string("CreateJavaVM ") + (port != nullptr ? port : "") + "\n\t";
-  for (int i = 0; i < init->nOptions; ++i) {
-    const std::string text = init->options[i].optionString;
-    if (text.starts_with("-") == (init->options[i].extraInfo != nullptr)) isAsExpected = false;
-    call += text + "\n\t";
+  note(std::string("NORVALED_DEBUG_PORT=") + (port != nullptr ? port : ""));
+  std::string call = "CreateJavaVM";
+  for (int i = 0; i < init.nOptions; ++i) {
+    call += std::string("\n\t") + init.options[i].optionString;
   }
-  note(call + (isAsExpected ? "" : " with something else"));
+  note(call + "\n\t");
+  if (!script("inspect").empty()) inspect(init);
   static JNIInvokeInterface_ functions{};
   functions.AttachCurrentThread = attach;
   static JavaVM machine{&functions};

@@ -1,4 +1,4 @@
-// What supporters and packagers run: tools/log, macos/sign and tools/Bundle.java.
+// What supporters and packagers run: tools/log and tools/Bundle.java.
 #include <array>
 #include <sstream>
 
@@ -9,14 +9,15 @@ using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::MatchesReg
 namespace {
 
 struct Tools : BundleFixture {
-  Tools() { setenv("PROJECT", PROJECT, 1); }
+  Tools() { setenv("K", (bin + "/kestrel").c_str(), 1); }
 
   std::string outputOf(const std::string& line, int status = 0) {
-    start("cd $ROOT || exit; " + line, status);
-    return output;
+    const Process process = run("cd $ROOT || exit; " + line);
+    EXPECT_EQ(process.ending, exited(status)) << line << "\n" << process;
+    return process.output;
   }
 };
-using Bundle = Tools;  // the sanitizers leave it out by its name
+using Bundle = Tools;
 
 // Each line of log_starts has the status, what happened, and the records after the arguments; "#"
 // begins a line of the crash report, "~" stands for a line feed, PID for the process. The starts
@@ -73,28 +74,6 @@ docs/troubleshooting.md, What happened: no end: running or killed
       EXPECT_THAT(outputOf(read + words, 1), MatchesRegex("log: [^\n]+\n")) << awk;
     }
   }
-}
-
-// With stand-ins for a Mac's tools: codesign tells its arguments, a jar is its list of names.
-TEST_F(Tools, SignGoesInsideOut) {
-  outputOf(R"(mkdir tools; echo 'IFS="|"; echo "$*"' >tools/codesign; echo 'cat "$2"' >tools/unzip
-mv Kestrel.app 'An App.app'; cd An*/Contents; printf 'B\nnative/lib it.dylib\n' >'lib/an app.jar'
-rm MacOS/kestrel jre/*/*/lib/*; touch MacOS/kestrel 'MacOS/a helper' lib/1.jnilib
-cd jre/Contents; mkdir Home/bin; touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
-chmod +x $ROOT/tools/* $ROOT/An*/Contents/MacOS/* Home/bin/java Home/lib/*)");
-  const std::string expected = R"(not signed: native/lib it.dylib in Contents/lib/an app.jar
-Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/lib/1.jnilib
---entitlements|macos/entitlements.plist|Contents/jre/Contents/Home/bin/java|Contents/MacOS/a helper
-Contents/jre
---entitlements|macos/entitlements.plist|An App.app
---verify|--deep|--strict|--verbose=2|An App.app
-)";
-  outputOf(
-      "for identity in - Me; do PATH=$ROOT/tools:$PATH \"$PROJECT/macos/sign\" An* $identity; "
-      "done");
-  output = replaced(output, "--force|--sign|Me|--options|runtime|--timestamp|", "");
-  output = replaced(replaced(output, "--force|--sign|-|", ""), PROJECT "/", "");
-  EXPECT_EQ(replaced(output, root + "/", ""), expected + expected);
 }
 
 TEST_F(Bundle, StartsWithItsArchiveWhereverItLies) {

@@ -1,0 +1,90 @@
+// Launches applications with a real JVM, as docs/application.md describes them to their developers.
+#include <clocale>
+
+#include "tests/bundle_fixture.h"
+
+namespace fs = std::filesystem;
+using testing::ContainsRegex, testing::EndsWith;
+
+namespace {
+
+// The JDK of this build and the sample application in a bundle.
+struct RealJvm : BundleFixture {
+  RealJvm() {
+    fs::remove_all(contents + "/jre");
+    fs::create_directory_symlink(KESTREL_JRE, contents + "/jre");
+    fs::copy_file(SAMPLE_JAR, lib + "/sample.jar");
+    // macOS before 14 has no such locale, but there a JDK takes UTF-8 anyway.
+    if (std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr) setenv("LC_ALL", "C.UTF-8", 1);
+  }
+};
+
+TEST_F(RealJvm, GetsArgumentsAndProperties) {
+  const Process process = launch("cd $ROOT; exec $LAUNCHER write größe 'two words'");
+  EXPECT_EQ(process.ending, exited(0)) << process;
+  EXPECT_EQ(linesWith(process.output, "^argument|KESTREL|user.dir"),
+            R"(argument 0: <install>/kestrel
+argument 1: write
+argument 2: größe
+argument 3: two words
+KESTREL_VERSION=<version>
+user.dir=<install>
+)");
+  EXPECT_TRUE(fs::exists(root + "/größe"));
+  EXPECT_EQ(whatHappened(process), "0 main returned 0");
+}
+
+// No thread outlives main, and no shutdown hook runs.
+TEST_F(RealJvm, ExitsWhenMainReturns) {
+  const Process process =
+      launch("KESTREL_GC_FORCE_PARALLEL_GC=1 NORVALED_DEBUG_PORT=0 exec $LAUNCHER leave");
+  EXPECT_EQ(process.ending, exited(0)) << process;
+  EXPECT_THAT(process.output, ContainsRegex("Listening for transport dt_socket at address: "));
+  EXPECT_THAT(process.output, EndsWith("user.dir=<install>\n"));
+  EXPECT_EQ(whatHappened(process), "0 main returned 0");
+}
+
+TEST_F(RealJvm, ShowsAnExceptionOfMain) {
+  const Process process = launch(
+      "KESTREL_GC_FORCE_SERIAL_GC=1 KESTREL_AGGRESSIVE_OPTIMIZATIONS=0 exec $LAUNCHER throw");
+  EXPECT_EQ(process.ending, exited(108)) << process;
+  EXPECT_EQ(linesWith(process.output, "Exception"),
+            "java.lang.IllegalStateException: the sample was asked to throw\n");
+  EXPECT_EQ(whatHappened(process), "108 main threw an exception");
+}
+
+TEST_F(RealJvm, LogsStacksOnTheFirstSignalAndExitsOnTheSecond) {
+  const Process process = launch(R"(
+      { until grep -qs 'Full thread dump' $LOG; do
+          kill -0 $$ && sleep 0.1 || exit
+        done
+        kill -TERM $$; } &
+      exec $LAUNCHER signal QUIT)");
+  EXPECT_EQ(process.ending, exited(143)) << process;
+  EXPECT_THAT(process.output, EndsWith("\na hook ran\n"));
+  EXPECT_THAT(process.log, EndsWith("\n jvm_exit JVM: exit( 143 )\n"));
+  EXPECT_EQ(whatHappened(process), "143 terminated by a signal");
+}
+
+TEST_F(RealJvm, LeavesAReportAndTheHeapIfMemoryRunsOut) {
+  const Process process = launch("exec $LAUNCHER exhaust");
+  EXPECT_EQ(process.ending, killed(SIGABRT)) << process;
+  EXPECT_EQ(readable(outputOf("ls $ROOT/logs"), process.pid), R"(kestrel-error-<pid>.log
+kestrel-native.log
+kestrel-oom-<pid>.hprof
+)");
+  EXPECT_THAT(process.log, EndsWith("\n jvm_abort JVM: abort()\n"));
+  EXPECT_EQ(whatHappened(process), "134 Java out of memory: Java heap space");
+}
+
+TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
+  outputOf(
+      R"(rm $LIB/*; cd $ROOT && sed -n '/^```java$/,/^```$/{//!p;}' "$PROJECT/docs/application.md" >NativeLauncher.java &&
+    ')" JAVAC R"(' -d $LIB/example.jar NativeLauncher.java)");
+  const Process process = launch("exec $LAUNCHER one two");
+  EXPECT_EQ(process.ending, exited(3)) << process;
+  EXPECT_THAT(process.output, EndsWith("hello one two\n"));
+  EXPECT_EQ(whatHappened(process), "3 System.exit(3)");
+}
+
+}  // namespace
