@@ -6,6 +6,8 @@ if(NOT KESTREL_MACOS_ARCH MATCHES "^(x86_64|arm64)$")
   message(FATAL_ERROR "KESTREL_MACOS_ARCH must be x86_64 or arm64: "
                       "use the preset macos-x86_64 or macos-arm64")
 endif()
+# The compiler checks run this file again, without the cache, so they are passed its variables.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MACOS_ARCH KESTREL_ZIG)
 
 if(CMAKE_HOST_SYSTEM_NAME STREQUAL "Darwin")
   set(CMAKE_OSX_ARCHITECTURES ${KESTREL_MACOS_ARCH} CACHE STRING "")
@@ -22,8 +24,6 @@ if(NOT KESTREL_ZIG)
   set(KESTREL_ZIG ${zig} CACHE FILEPATH "The zig executable")
 endif()
 string(REPLACE arm64 aarch64 target ${KESTREL_MACOS_ARCH}-macos.${KESTREL_MACOS_MINIMUM})
-# The compiler checks run this file again, without the cache.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_ZIG KESTREL_MACOS_ARCH)
 
 # Frame pointers are customary on a Mac: crash reports and samplers use them to walk the stack. They
 # also keep functions from depending on __eh_frame, where zig's linker does not relocate the address

@@ -10,7 +10,7 @@ constexpr char ENTRY_CLASS_NAME[] = "NativeLauncher";
 constexpr char ENTRY_METHOD[] = "main";
 constexpr char ENTRY_DESCRIPTOR[] = "([Ljava/lang/String;)V";
 
-// What the call to main yields if the Java side could not be started.
+// The status that main yields if the Java side could not be started.
 constexpr int JAVA_SIDE_NOT_STARTED = 2;
 
 enum Failure {
@@ -61,9 +61,8 @@ int KestrelJVMApp::callMainMethod(JavaVM* vm, int argc, char** argv) {
   }
 
   // Deliberately calls a void method as if it returned int: the value obtained is the contract with
-  // the Java side. A main without a loop of its own whose last act is a call to an int-returning
-  // method yields that int. Any other main leaves an arbitrary value and has to end with
-  // System.exit.
+  // the Java side. A main that contains no loop and whose last act is a call to an int-returning
+  // method yields that int. Any other main leaves an arbitrary value and has to call System.exit.
   const int status =
       env->CallStaticIntMethod(entryClass, mainMethod, toJavaStrings(env, argc, argv));
   if (status == JAVA_SIDE_NOT_STARTED) {

@@ -1,6 +1,6 @@
-// A run loop for Linux that does what the launcher uses of CoreFoundation's, as it is documented: a
-// timer that never fires keeps the loop alive until the time-out. There are one mode, no other
-// timers, no sources and no requests to stop.
+// The part of CoreFoundation's run loop that the launcher uses, for Linux: a timer that never fires
+// keeps the loop alive until the time-out. There is one mode, and nothing else wakes or stops the
+// loop.
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <algorithm>

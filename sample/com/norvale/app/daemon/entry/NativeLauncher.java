@@ -28,9 +28,9 @@ public final class NativeLauncher {
   private NativeLauncher() {}
 
   /**
-   * The launcher calls this void method as if it returned an int. A main without a loop of its own
+   * The launcher calls this void method as if it returned an int. A main that contains no loop and
    * whose last act is a call to an int-returning method, as here, yields that int. Any other main
-   * leaves an arbitrary value: end it with System.exit instead.
+   * leaves an arbitrary value and has to call System.exit.
    */
   public static void main(String[] args) throws Exception {
     print(args);
