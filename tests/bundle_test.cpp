@@ -144,7 +144,7 @@ std::string contentsOf(const std::string& folder) {
   std::set<std::string> lines;
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
     std::ostringstream line;
-    line << fs::relative(entry.path(), folder).string() << " " << std::oct
+    line << entry.path().lexically_relative(folder).string() << " " << std::oct
          << static_cast<unsigned>(entry.status().permissions());
     lines.insert(line.str() + "\n");
   }
@@ -191,7 +191,7 @@ Contents/lib/app.jar 644
 
 TEST_F(Bundle, PreparesItsRuntime) {
   const Process process = makeBundle(
-      "CLASSPATH=x NORVALED_DEBUG_PORT=1 _JAVA_OPTIONS=-Dx JAVA_TOOL_OPTIONS=-Dy "
+      "CLASSPATH=x NORVALED_DEBUG_PORT=1 KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE=x "
       "NORVALED_JVM_ARGS=-Da=b");
   EXPECT_EQ(process.ending, exited(0));
   EXPECT_EQ(process.output,
@@ -270,7 +270,7 @@ TEST_F(Bundle, RestoresTheEarlierOneAfterASignal) {
 TEST_F(Bundle, EndsAnApplicationThatRunsOn) {
   const Process process = makeBundle("SCRIPT='runs on' KESTREL_RECORD_SECONDS=1");
   EXPECT_THAT(process.output, testing::HasSubstr("the application exited with status 143\n"));
-  EXPECT_EQ(outputOf("cd $ROOT; kill -0 $(cat child) 2>/dev/null || echo gone"), "gone\n")
+  EXPECT_EQ(outputOf("cd $ROOT; rm -f alive; sleep 1; ls alive 2>/dev/null || echo gone"), "gone\n")
       << "a child process that ignores SIGTERM";
 }
 
