@@ -4,7 +4,7 @@
 #include "tests/bundle_fixture.h"
 
 namespace fs = std::filesystem;
-using testing::HasSubstr, testing::IsSupersetOf;
+using testing::IsSupersetOf;
 
 namespace {
 

@@ -13,7 +13,7 @@ namespace {
 using Launcher = BundleFixture;
 
 // The end of `text` that begins with `words`, or all of it if they are not there.
-std::string from(const std::string& words, const std::string& text) {
+std::string beginningWith(const std::string& words, const std::string& text) {
   const std::size_t begin = text.find(words);
   return begin == std::string::npos ? text : text.substr(begin);
 }
@@ -100,7 +100,7 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
     const Process process = launch(expected.script + " exec $LAUNCHER 'a  b' '' größe");
     EXPECT_EQ(process.ending, exited(expected.status)) << process;
     EXPECT_THAT(process.log, StartsWith(" run Program arguments:  a  b  größe \n"));
-    EXPECT_EQ(from(" operator() JVM calling main", process.log), expected.log);
+    EXPECT_EQ(beginningWith(" operator() JVM calling main", process.log), expected.log);
     EXPECT_EQ(whatHappened(process), std::to_string(expected.status) + " " + expected.whatHappened);
   }
 }
@@ -123,7 +123,7 @@ TEST_F(Launcher, ExitsWith53IfTheRuntimeCannotBeLoaded) {
 TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
   const Process process = launch("SCRIPT_create=-4 exec $LAUNCHER");
   EXPECT_EQ(process.ending, exited(53)) << process;
-  EXPECT_EQ(from(" startJVM Error", process.log),
+  EXPECT_EQ(beginningWith(" startJVM Error", process.log),
             R"( startJVM Error creating VM: code= -4 . Exiting...
 
  reportFatalAndExit Failed to start JVM

@@ -112,6 +112,8 @@ TEST_F(Unit, LogWritesARecordAtOnce) {
     const std::string counters = contentOf("/proc/self/io");
     return std::stol(counters.substr(counters.find("syscw: ") + 7));
   };
+  writes();  // a sanitizer's first use of these functions may write something itself
+  LOG_RECORD(INFO, "f");
   const long before = writes();
   LOG_RECORD(INFO, "f") << std::string(9000, 'x');  // more than a stream's own buffer holds
   EXPECT_EQ(writes() - before, 1);
