@@ -124,11 +124,11 @@ TEST_F(Launcher, ExitsWith53IfTheRuntimeCannotBeLoaded) {
 TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
   const Process process = launch("SCRIPT_create=-4 exec $LAUNCHER");
   EXPECT_EQ(process.ending, exited(53)) << process;
-  EXPECT_EQ(beginningWith(" startJVM Error", process.log),
-            R"( startJVM Error creating VM: code= -4 . Exiting...
+  EXPECT_TRUE(isSameText(beginningWith(" startJVM Error", process.log),
+                         R"( startJVM Error creating VM: code= -4 . Exiting...
 
  reportFatalAndExit Failed to start JVM
-)");
+)"));
   EXPECT_EQ(whatHappened(process), "53 the JVM could not be created: -4");
 }
 
