@@ -18,63 +18,6 @@ struct Tools : BundleFixture {
 };
 using Bundle = Tools;  // the sanitizers leave it out by its name
 
-// Each line of log_starts has the status, what happened, and the records after the arguments; "#"
-// begins a line of the crash report, "~" stands for a line feed, PID for the process. The starts
-// run at once, record by record in turn, after one whose beginning is cut off; the log was mailed.
-TEST_F(Tools, LogTellsWhatHappened) {
-  const std::string rest = " 2026-11-23 03:00:00.400 INFO   ---- (native)                  ";
-  const std::string arguments(9000, 'a');  // more than mawk's printf takes
-  std::string overview = R"(log: ./mailed
-time PID version status what happened arguments
-2026-11-23 03:00:00 11 1.2.3 - the JVM crashed ?
-)";
-  std::array<std::string, 12> rounds = {"cut\n1.2.3 11" + rest + "f JVM: abort()\n"};
-  std::ifstream rows(PROJECT "/tests/log_starts");
-  int process = 10;
-  for (std::string row; std::getline(rows, row);) {
-    const std::string pid = std::to_string(++process);
-    const std::string head = "1.2.3 " + pid + rest;
-    rounds[1] += head + "run Program arguments:  " + arguments + "\n\33[7m\302\233 \n";
-    std::istringstream cells(replaced(replaced(row, "PID", pid), "~", "\n"));
-    std::string status, what, record;
-    std::getline(std::getline(cells, status, '|'), what, '|');
-    overview += "2026-11-23 03:00:00 " + pid + " 1.2.3 " + status + " " + what + " ";
-    overview += arguments + "\\n?[7m?\n";
-    std::ofstream report(root + "/kestrel-error-" + pid + ".log");
-    for (std::size_t round = 2; std::getline(cells, record, '|'); ++round) {
-      if (record.starts_with("#"))
-        report << record << "\n";
-      else
-        rounds[round] += head + "f " + record + "\n";
-    }
-  }
-  std::ofstream mailed(root + "/mailed");
-  for (const std::string& round : rounds) mailed << replaced(round, "\n", "\r\n") << std::flush;
-
-  for (const std::string awk : {"awk", "mawk", "gawk", "original-awk"}) {
-    if (outputOf("command -v " + awk + " || echo none") == "none\n") continue;
-    const std::string read = "AWK=" + awk + " \"$PROJECT/tools/log\" ";
-    EXPECT_EQ(outputOf(read + "mailed 2>&1 | sed 's/   */ /g'"), overview) << awk;
-    EXPECT_THAT(outputOf(read + "13 mailed"), EndsWith(arguments + R"(
-?[7m? 
-f Starting JVM
-f Java Virtual Machine is created!
-f JVM:  Server VM warning: 
-f JVM:  Full thread dump:
-"main"
-	at a.b
-
-docs/troubleshooting.md, What happened: no end: running or killed
-
-)")) << awk;
-    const std::string last = outputOf("cp mailed logs/kestrel-native.log; " + read + "--last");
-    EXPECT_THAT(last, HasSubstr("arguments\n2026-11-23 03:00:00       43")) << awk;
-    for (const std::string words : {"$ROOT", "nosuch", "$K", "mailed 98", "mailed mailed"}) {
-      EXPECT_THAT(outputOf(read + words, 1), MatchesRegex("log: [^\n]+\n")) << awk;
-    }
-  }
-}
-
 // With stand-ins for a Mac's tools: codesign tells its arguments, a jar is its list of names.
 TEST_F(Tools, SignGoesInsideOut) {
   outputOf(R"(mkdir tools; echo 'IFS="|"; echo "$*"' >tools/codesign; echo 'cat "$2"' >tools/unzip
