@@ -66,9 +66,10 @@ class LogReader : public testing::Test {
 
   static const Texts& awks() {
     static const Texts found = [] {
-      std::system(R"(for name in awk mawk gawk original-awk; do
+      const int status = std::system(R"(for name in awk mawk gawk original-awk; do
             awk=$(command -v $name) && { readlink -f $awk || echo $awk; }
           done | sort -u >awks)");
+      EXPECT_EQ(status, 0);
       std::istringstream lines(contentOf("awks"));
       return Texts(std::istream_iterator<std::string>(lines), {});
     }();
