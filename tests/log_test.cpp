@@ -247,7 +247,8 @@ TEST_F(LogReader, ShowsTheFirstReasonOfTheLoader) {
 TEST_F(LogReader, ReadsTheCrashReportBesideTheLog) {
   const std::string memory = "JVM:  Aborting due to java.lang.OutOfMemoryError: ";
   const std::string abort = "JVM: abort()", report = "kestrel-error-7.log";
-  EXPECT_EQ(outcomeOf({abort}), "- the JVM crashed");
+  EXPECT_EQ(outcomeOf({"Starting JVM", "Java Virtual Machine is created!", abort}),
+            "- the JVM crashed");
   write(report, "#\n# A fatal error has been detected by the JVM:\n");
   EXPECT_EQ(outcomeOf({abort}), "134 the JVM crashed: " + report);
   EXPECT_EQ(outcomeOf({"Starting JVM", abort}), "134 the JVM crashed: " + report);
