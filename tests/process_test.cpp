@@ -43,7 +43,7 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
     std::string script;  // for the scripted JVM
     int status;
     std::string whatHappened;
-    std::string log;  // from the JVM's creation on
+    std::string log;  // after the JVM is created
   };
   const std::vector<Case> cases = {
       {"SCRIPT_status=0", 0, "main returned 0", calledMain + R"(> ExceptionOccurred
@@ -132,7 +132,7 @@ TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
   EXPECT_EQ(whatHappened(process), "53 the JVM could not be created: -4");
 }
 
-TEST_F(Launcher, CreatesAStrictJvm10InASessionOfItsOwn) {
+TEST_F(Launcher, CreatesAStrictJvm10InItsOwnSession) {
   EXPECT_EQ(linesWith(launch("SCRIPT_inspect=1 exec $LAUNCHER").log,
                       "^> (version|ignoreUnrecognized|session|options)"),
             R"(> version a0000
