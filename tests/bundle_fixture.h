@@ -69,7 +69,7 @@ struct Process {
     return stream << "output:\n" << endOf(process.output) << "log:\n" << endOf(process.log);
   }
   static std::string endOf(const std::string& text) {
-    constexpr std::size_t SHOWN = 1000;
+    constexpr std::size_t SHOWN = 500;
     return text.size() > SHOWN ? "... " + text.substr(text.size() - SHOWN) : text;
   }
 };

@@ -1,13 +1,13 @@
-// Settings of the sanitizers; built into each program that is checked.
+// Settings for the sanitizers, linked into every program that is built with them.
 extern "C" {
 
-// The options of a JVM that was not created stay allocated, on purpose.
+// The options are leaked on purpose if the JVM cannot be created.
 const char* __lsan_default_suppressions() { return "leak:KestrelJVMHost::startJVM"; }
 
-// The C library guards its time zone by a lock that the sanitizer does not see.
+// The C library protects its time zone by a lock that the thread sanitizer does not see.
 const char* __tsan_default_suppressions() { return "called_from_lib:libc.so.6"; }
 
-// How long an end waits for other threads' races; by default a second for each program.
+// How long a program waits at its exit for races in other threads; the default is a second.
 const char* __tsan_default_options() { return "atexit_sleep_ms=100"; }
 
 }  // extern "C"

@@ -112,6 +112,8 @@ TEST_F(Unit, LogWritesARecordAtOnce) {
     const std::string counters = contentOf("/proc/self/io");
     return std::stol(counters.substr(counters.find("syscw: ") + 7));
   };
+  writes();  // a sanitizer's first use of these functions may write something itself
+  LOG_RECORD(INFO, "f");
   const long before = writes();
   LOG_RECORD(INFO, "f") << std::string(9000, 'x');  // more than a stream's own buffer holds
   EXPECT_EQ(writes() - before, 1);
@@ -168,7 +170,7 @@ TEST_F(Unit, ThreadStackIsEightPagesButAtLeast384KiB) {
   }
 }
 
-TEST_F(Unit, StringReplaceNeverLooksIntoReplacements) {
+TEST_F(Unit, StringReplaceDoesNotSearchReplacements) {
   EXPECT_EQ(string_replace("aa", "a", "aa"), "aaaa");
   EXPECT_EQ(string_replace("a:b", "", "x"), "a:b");
 }
@@ -187,7 +189,7 @@ TEST_F(Unit, OptionsFileThatCannotBeReadIsRecorded) {
   EXPECT_THAT(logged(), EndsWith("\n startJVM Unable to open jvm args file:  /no/such file\n"));
 }
 
-TEST_F(Unit, OptionsFileComesFirstLineByLine) {
+TEST_F(Unit, OptionsFileIsPassedLineByLine) {
   initialize_logging(false);
   setenv("NORVALED_DEBUG_PORT", "0", 1);
   std::ofstream(root + "/options") << "-Xmx2g -x\n\n  -Da=1\r\n";
