@@ -590,8 +590,8 @@ public final class Bundle {
 
     /** Runs the application under the runtime's own java, where it can exit of its own accord. */
     void recordClasses(Layout bundle, Duration limit) throws IOException, InterruptedException {
-      say("recording the classes that the application loads, until it exits or for "
-          + limit.toSeconds() + " s");
+      say("recording the loaded classes, for " + limit.toSeconds()
+          + " s or until the application exits");
       ChildProcess java = java(bundle);
       java.addArguments(options);
       java.addArguments(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classList(),
