@@ -301,7 +301,7 @@ f Starting JVM
 See "no exit: the JVM was starting" in docs/troubleshooting.md.
 
 )";
-  run("awk '{ printf \"%s\\r\\n\", $0 }' log >mailed");
+  run(R"(awk '{ printf "%s\r\n", $0 }' log >mailed)");
   for (const std::string file : {"log", "mailed"}) {
     EXPECT_EQ(run("$LOG " + file), overview);
     EXPECT_EQ(run("$LOG --last " + file), title + lastInFull);
