@@ -1,10 +1,7 @@
 // What supporters and packagers run: tools/log, macos/sign and tools/Bundle.java.
-#include <array>
-#include <sstream>
-
 #include "tests/bundle_fixture.h"
 
-using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
+using testing::AllOf, testing::EndsWith, testing::HasSubstr;
 
 namespace {
 
