@@ -46,7 +46,7 @@ inline std::string linesWith(const std::string& text, const std::string& express
 }
 
 // For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
-// EXPECT_EQ would also print both texts as a whole.
+// EXPECT_EQ would also print both texts as a whole. The difference is GoogleTest's own.
 inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
   if (actual == expected) return testing::AssertionSuccess();
   return testing::AssertionFailure()
@@ -162,7 +162,7 @@ class BundleFixture : public testing::Test {
   const std::string root = [] {
     std::string name = "/tmp/kestrel-XXXXXX";  // scripts rely on a path without blanks
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
-    return name;
+    return std::filesystem::canonical(name).string();  // on a Mac /tmp is a link
   }();
   const std::string contents = root + "/Kestrel.app/Contents";
   const std::string bin = contents + "/MacOS";

@@ -9,6 +9,26 @@ using testing::HasSubstr;
 
 namespace {
 
+enum Order { littleEndian, bigEndian };
+
+std::string bytesOf(const std::vector<unsigned>& words, Order order) {
+  std::string bytes;
+  for (const unsigned word : words) {
+    for (const int byte : {0, 1, 2, 3}) {
+      bytes += static_cast<char>(word >> 8 * (order == bigEndian ? 3 - byte : byte));
+    }
+  }
+  return bytes;
+}
+
+// Heads of Mach-O files.
+constexpr unsigned INTEL = 0x01000007, ARM = 0x0100000C, PROGRAM = 2, LIBRARY = 6;
+const std::string intelLibrary = bytesOf({0xFEEDFACF, INTEL, 3, LIBRARY}, littleEndian);
+const std::string armLibrary = bytesOf({0xFEEDFACF, ARM, 0, LIBRARY}, littleEndian);
+const std::string universalLibrary =
+    bytesOf({0xCAFEBABE, 2, ARM, 0, 48, 16, 0, INTEL, 3, 64, 16, 0}, bigEndian) + armLibrary +
+    intelLibrary;
+
 // $ROOT contains app.jar, which is the sample, and `kestrel` and `runtime`, which are scripted.
 struct Bundle : BundleFixture {
   Bundle() {
@@ -19,12 +39,8 @@ struct Bundle : BundleFixture {
     setenv("SCRIPT", "", 1);
     outputOf(R"(cd $ROOT; mkdir -p runtime/bin runtime/lib/server
       cp ')" SAMPLE_JAR R"(' app.jar; cp "$PROJECT/tests/scripted_runtime" kestrel
-      cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release
-      printf '\312\376\272\276\0\0\0\2' >runtime/lib/libjli.dylib # for both kinds of Macs
-      printf '\1\0\0\7\0\0\0\0\0\0\0\60\0\0\0\0\0\0\0\0' >>runtime/lib/libjli.dylib
-      printf '\1\0\0\14\0\0\0\0\0\0\0\100\0\0\0\0\0\0\0\0' >>runtime/lib/libjli.dylib
-      printf '\317\372\355\376\7\0\0\1\0\0\0\0\6\0\0\0' >>runtime/lib/libjli.dylib
-      printf '\317\372\355\376\14\0\0\1\0\0\0\0\6\0\0\0' >>runtime/lib/libjli.dylib)");
+      cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release)");
+    std::ofstream(root + "/runtime/lib/libjli.dylib") << universalLibrary;  // which a Mac checks
   }
 
   // Runs a script in $ROOT. In its output, <root> stands for $ROOT and <work> for the folder in
@@ -90,38 +106,24 @@ TEST_F(Bundle, RejectsWrongInput) {
   }
 }
 
-enum Order { littleEndian, bigEndian };
-
-std::string bytesOf(const std::vector<unsigned>& words, Order order) {
-  std::string bytes;
-  for (const unsigned word : words) {
-    for (const int byte : {0, 1, 2, 3}) {
-      bytes += static_cast<char>(word >> 8 * (order == bigEndian ? 3 - byte : byte));
-    }
-  }
-  return bytes;
-}
-
 TEST_F(Bundle, AcceptsOnlyAMacRuntimeForTheProcessor) {
-  constexpr unsigned INTEL = 0x01000007, ARM = 0x0100000C, PROGRAM = 2, LIBRARY = 6;
-  const std::string intel = bytesOf({0xFEEDFACF, INTEL, 3, LIBRARY}, littleEndian);
-  const std::string arm = bytesOf({0xFEEDFACF, ARM, 0, LIBRARY}, littleEndian);
   const std::string program = bytesOf({0xFEEDFACF, INTEL, 3, PROGRAM}, littleEndian);
-  const std::string armPart = bytesOf({0xCAFEBABE, 1, ARM, 0, 28, 16, 0}, bigEndian);
+  const std::string armTable = bytesOf({0xCAFEBABE, 1, ARM, 0, 28, 16, 0}, bigEndian);
   const std::string javaClass = bytesOf({0xCAFEBABE, 65, INTEL, 3, 28, 16, 0}, bigEndian);
   struct Case {
     std::string name, library, processor;
     bool isAccepted;
   };
   const std::vector<Case> cases = {
-      {"Intel", intel, "x86_64", true},
-      {"Apple silicon", arm, "arm64", true},
-      {"the other processor", arm, "x86_64", false},
+      {"Intel", intelLibrary, "x86_64", true},
+      {"Apple silicon", armLibrary, "arm64", true},
+      {"the other processor", armLibrary, "x86_64", false},
       {"a program", program, "x86_64", false},
-      {"universal", contentOf(root + "/runtime/lib/libjli.dylib"), "x86_64", true},
-      {"universal, with Intel code that its table lacks", armPart + intel, "x86_64", false},
-      {"a Java class, which begins as a universal file does", javaClass + intel, "x86_64", false},
-      {"truncated", intel.substr(0, 15), "x86_64", false},
+      {"universal", universalLibrary, "x86_64", true},
+      {"universal, with Intel code that its table lacks", armTable + intelLibrary, "x86_64", false},
+      {"a Java class, which begins as a universal file does", javaClass + intelLibrary, "x86_64",
+       false},
+      {"truncated", intelLibrary.substr(0, 15), "x86_64", false},
   };
   fs::create_directories(root + "/mac/Contents/Home/lib");
   for (const Case& expected : cases) {
@@ -132,13 +134,17 @@ TEST_F(Bundle, AcceptsOnlyAMacRuntimeForTheProcessor) {
   }
 }
 
-// The permissions of each file and folder.
+// Each file and folder with its permissions, and each link.
 std::string contentsOf(const std::string& folder) {
   std::set<std::string> lines;
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
     std::ostringstream line;
-    line << entry.path().lexically_relative(folder).string() << " " << std::oct
-         << static_cast<unsigned>(entry.status().permissions()) << "\n";
+    line << entry.path().lexically_relative(folder).string();
+    if (entry.is_symlink()) {
+      line << " -> " << fs::read_symlink(entry.path()).string() << "\n";
+    } else {
+      line << " " << std::oct << static_cast<unsigned>(entry.status().permissions()) << "\n";
+    }
     lines.insert(line.str());
   }
   std::string text;
@@ -174,7 +180,7 @@ Contents/jre/Contents/Home 755
 Contents/jre/Contents/Home/lib 755
 Contents/jre/Contents/Home/lib/certificates 644
 Contents/jre/Contents/Home/lib/libjli.dylib 644
-Contents/jre/Contents/Home/lib/link 644
+Contents/jre/Contents/Home/lib/link -> libjli.dylib
 Contents/jre/Contents/Info.plist 644
 Contents/lib 755
 Contents/lib/app.jar 644
@@ -197,10 +203,10 @@ bundle: writing the class archive
 bundle: archive in use: application.jsa, 0 MiB (linked classes: no, full module graph: no)
 bundle: the bundle is <root>/out.app
 )");
-  EXPECT_EQ(withPlaceholders(contentOf(root + "/calls")), R"(kestrel
+  EXPECT_EQ(withPlaceholders(contentOf(root + "/calls")), R"(<work>/out.app/Contents/MacOS/kestrel
   a b
   NORVALED_JVM_ARGS=-Da=b -Xlog:cds,aot
-java
+<work>/out.app/Contents/jre/Contents/Home/bin/java
   -Xmx160m
   -Xss384k
   -Xshare:off
@@ -210,7 +216,7 @@ java
   <work>/out.app/Contents/MacOS/kestrel
   a b
   NORVALED_JVM_ARGS=-Da=b
-java
+<work>/out.app/Contents/jre/Contents/Home/bin/java
   -Xmx160m
   -Xss384k
   -Xms1g
@@ -222,7 +228,7 @@ java
   -XX:SharedArchiveFile=<work>/archive
   -XX:+AOTClassLinking
   NORVALED_JVM_ARGS=-Da=b
-kestrel
+<root>/out.app/Contents/MacOS/kestrel
   a b
   NORVALED_JVM_ARGS=-Da=b -Xshare:on -Xlog:cds,aot
 )");

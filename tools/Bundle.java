@@ -139,7 +139,6 @@ public final class Bundle {
       archive.findOptions(made);
       archive.recordClasses(made, recordTime);
       archive.write(made);
-      Trees.makeReadableForAll(made.root());
       work.putInPlace();
       archive.proveUse(new Layout(target));
       work.keepBundle();
@@ -160,7 +159,6 @@ public final class Bundle {
       if (givenRuntime.isPresent()) {
         JavaRuntime.copy(givenRuntime.get(), made.runtime());
       }
-      Trees.makeReadableForAll(made.root());
       work.putInPlace();
       work.keepBundle();
     }
@@ -871,6 +869,7 @@ public final class Bundle {
     }
 
     void putInPlace() throws IOException {
+      Trees.makeReadableForAll(bundle());
       if (Files.exists(target)) {
         Files.move(target, previous());
       }
