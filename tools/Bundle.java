@@ -56,20 +56,26 @@ public final class Bundle {
 
   public static void main(String[] args) {
     Thread worker = Thread.currentThread();
-    CompletableFuture<Integer> status = new CompletableFuture<>();
+    CompletableFuture<Void> finished = new CompletableFuture<>();
     // A signal interrupts the worker, which then kills its child processes, restores the target and
     // deletes its work folder. The hook keeps this JVM alive until that is done.
     Runtime.getRuntime().addShutdownHook(new Thread(() -> {
       worker.interrupt();
-      status.join();
+      finished.join();
     }));
-    status.complete(perform(List.of(args)));
-    System.exit(status.join()); // never returns; a signal has set its own exit status before
+    int status = FAILURE;
+    try {
+      status = runAndReport(List.of(args));
+    } finally {
+      finished.complete(null);
+    }
+    System.exit(status); // has no effect if a signal is ending this JVM already
   }
 
-  private static int perform(List<String> args) {
+  /** Returns the exit status. */
+  private static int runAndReport(List<String> args) {
     try {
-      run(args);
+      dispatch(args);
       return SUCCESS;
     } catch (InterruptedException | ClosedByInterruptException e) {
       return FAILURE; // a signal, which needs no message
@@ -82,29 +88,30 @@ public final class Bundle {
     }
   }
 
-  private static void run(List<String> args) throws IOException, InterruptedException {
+  private static void dispatch(List<String> args) throws IOException, InterruptedException {
     int separator = args.indexOf("--");
-    List<String> words = separator < 0 ? args : args.subList(0, separator);
+    boolean hasSeparator = separator >= 0;
+    List<String> words = hasSeparator ? args.subList(0, separator) : args;
     List<String> applicationArguments =
-        separator < 0 ? List.of() : args.subList(separator + 1, args.size());
+        hasSeparator ? args.subList(separator + 1, args.size()) : List.of();
 
     String command = words.isEmpty() ? "" : words.get(0);
     if (command.equals("bundle") && words.size() > 3) {
-      makeBundle(words, applicationArguments);
-    } else if (command.equals("macos") && words.size() > 3 && separator < 0) {
-      makeMacBundle(words);
-    } else if (command.equals("check") && words.size() > 1 && separator < 0) {
+      makeBundle(words.get(1), words.get(2), words.subList(3, words.size()), applicationArguments);
+    } else if (command.equals("macos") && words.size() > 3 && !hasSeparator) {
+      makeMacBundle(words.get(1), words.get(2), words.subList(3, words.size()));
+    } else if (command.equals("check") && words.size() > 1 && !hasSeparator) {
       check(words.get(1), words.subList(2, words.size()));
     } else {
       throw new UserError(USAGE);
     }
   }
 
-  /** Checks what the other commands are given, without making anything. */
+  /** Reports what is wrong with the settings and items of a command, without making anything. */
   private static void check(String command, List<String> items) throws IOException {
     switch (command) {
       case "bundle" -> {
-        recordTime();
+        recordingLimit();
         givenRuntime();
       }
       case "macos" -> givenMacRuntime();
@@ -115,30 +122,30 @@ public final class Bundle {
     }
   }
 
-  /** A bundle for this machine with a runtime that is prepared for the application. */
-  private static void makeBundle(List<String> words, List<String> applicationArguments)
-      throws IOException, InterruptedException {
-    Path target = targetPath(words.get(1));
-    Path launcher = absolutePath(words.get(2));
-    Duration recordTime = recordTime();
+  /** Makes a bundle for this machine with a runtime that is prepared for the application. */
+  private static void makeBundle(String targetName, String launcherName, List<String> items,
+      List<String> applicationArguments) throws IOException, InterruptedException {
+    Path target = targetPath(targetName);
+    Path launcher = absolutePath(launcherName);
+    Duration recordingLimit = recordingLimit();
     Optional<Path> givenRuntime = givenRuntime();
-    ApplicationFiles files = ApplicationFiles.find(words.subList(3, words.size()));
+    ApplicationFiles files = ApplicationFiles.find(items);
 
     try (WorkFolder work = new WorkFolder(target)) {
-      Layout made = new Layout(work.bundle());
-      assemble(made, launcher, files);
+      Layout bundle = new Layout(work.bundle());
+      assemble(bundle, launcher, files);
       if (givenRuntime.isPresent()) {
-        JavaRuntime.copy(givenRuntime.get(), made.runtime());
+        JavaRuntime.copy(givenRuntime.get(), bundle);
       } else {
-        JavaRuntime.link(made, work);
+        JavaRuntime.link(bundle, work);
       }
-      JavaRuntime runtime = JavaRuntime.in(made);
-      runtime.addLauncherLibrary();
+      JavaRuntime.addLauncherLibrary(bundle);
 
-      ClassArchive archive = new ClassArchive(work, runtime.version(), applicationArguments);
-      archive.findOptions(made);
-      archive.recordClasses(made, recordTime);
-      archive.write(made);
+      int version = JavaRuntime.version(bundle);
+      ClassArchive archive = new ClassArchive(work, version, applicationArguments);
+      archive.findOptions(bundle);
+      archive.recordClasses(bundle, recordingLimit);
+      archive.write(bundle);
       work.putInPlace();
       archive.proveUse(new Layout(target));
       work.keepBundle();
@@ -146,18 +153,19 @@ public final class Bundle {
     say("the bundle is " + target);
   }
 
-  /** A bundle for Macs around a launcher that was built for them; the runtime is optional. */
-  private static void makeMacBundle(List<String> words) throws IOException, InterruptedException {
-    Path target = targetPath(words.get(1));
-    Path launcher = absolutePath(words.get(2));
+  /** Makes a bundle for Macs around a launcher that was built for them; the runtime is optional. */
+  private static void makeMacBundle(String targetName, String launcherName, List<String> items)
+      throws IOException, InterruptedException {
+    Path target = targetPath(targetName);
+    Path launcher = absolutePath(launcherName);
     Optional<Path> givenRuntime = givenMacRuntime();
-    ApplicationFiles files = ApplicationFiles.find(words.subList(3, words.size()));
+    ApplicationFiles files = ApplicationFiles.find(items);
 
     try (WorkFolder work = new WorkFolder(target)) {
-      Layout made = new Layout(work.bundle());
-      assemble(made, launcher, files);
+      Layout bundle = new Layout(work.bundle());
+      assemble(bundle, launcher, files);
       if (givenRuntime.isPresent()) {
-        JavaRuntime.copy(givenRuntime.get(), made.runtime());
+        JavaRuntime.copy(givenRuntime.get(), bundle);
       }
       work.putInPlace();
       work.keepBundle();
@@ -165,7 +173,7 @@ public final class Bundle {
     say("the bundle is " + target);
   }
 
-  /** Everything in a bundle but the Java runtime. */
+  /** Copies everything into a bundle but the Java runtime. */
   private static void assemble(Layout bundle, Path launcher, ApplicationFiles files)
       throws IOException, InterruptedException {
     if (!Files.isRegularFile(launcher) || !Files.isExecutable(launcher)) {
@@ -173,19 +181,20 @@ public final class Bundle {
     }
     Files.createDirectories(bundle.launcher().getParent());
     Files.createDirectories(bundle.jars());
-    Trees.copy(launcher, bundle.launcher());
-    // A launcher for Macs is built into the skeleton of a bundle, which has these as well.
-    for (String name : List.of("Info.plist", "Resources")) {
-      Path source = launcher.getParent().resolveSibling(name);
-      if (Files.exists(source)) {
-        Trees.copy(source, bundle.contents().resolve(name));
+    FileTrees.copy(launcher, bundle.launcher());
+    if (launcher.endsWith("Contents/MacOS/kestrel")) { // built into the skeleton of a bundle
+      Path skeleton = launcher.getParent().getParent();
+      for (String name : List.of("Info.plist", "Resources")) {
+        if (Files.exists(skeleton.resolve(name))) {
+          FileTrees.copy(skeleton.resolve(name), bundle.contents().resolve(name));
+        }
       }
     }
-    for (Path jar : files.jars()) {
-      Trees.copy(jar, bundle.jars().resolve(jar.getFileName()));
+    for (Path jar : files.jars) {
+      FileTrees.copy(jar, bundle.jars().resolve(jar.getFileName()));
     }
-    for (Path library : files.libraries()) {
-      Trees.copy(library, bundle.launcher().resolveSibling(library.getFileName()));
+    for (Path library : files.libraries) {
+      FileTrees.copy(library, bundle.launcher().resolveSibling(library.getFileName()));
     }
   }
 
@@ -208,7 +217,7 @@ public final class Bundle {
     return Path.of(name).toAbsolutePath();
   }
 
-  private static Duration recordTime() {
+  private static Duration recordingLimit() {
     String seconds = environment("KESTREL_RECORD_SECONDS").orElse("20");
     if (!seconds.matches("[1-9][0-9]{0,4}")) {
       throw new UserError("KESTREL_RECORD_SECONDS must be a number from 1 to 99999: " + seconds);
@@ -236,6 +245,20 @@ public final class Bundle {
   /** The value of an environment variable; one that is empty counts as unset. */
   private static Optional<String> environment(String name) {
     return Optional.ofNullable(System.getenv(name)).filter(value -> !value.isEmpty());
+  }
+
+  private static String firstGroup(Pattern pattern, String text, String errorIfMissing) {
+    Matcher matcher = pattern.matcher(text);
+    if (!matcher.find()) {
+      throw new UserError(errorIfMissing);
+    }
+    return matcher.group(1);
+  }
+
+  private static void stopIfInterrupted() throws InterruptedException {
+    if (Thread.interrupted()) {
+      throw new InterruptedException();
+    }
   }
 
   private static void say(String text) {
@@ -275,14 +298,16 @@ public final class Bundle {
   }
 
   /** The application's jars and native libraries, as the command line names them. */
-  private record ApplicationFiles(List<Path> jars, List<Path> libraries) {
-    private static final Pattern JAR = Pattern.compile(".*\\.jar");
+  private static final class ApplicationFiles {
     private static final Pattern LIBRARY = Pattern.compile(".*\\.(so|dylib|jnilib)");
     private static final Pattern ENTRY =
         Pattern.compile("(META-INF/versions/[0-9]+/)?" + ENTRY_CLASS + "\\.class");
 
+    final List<Path> jars = new ArrayList<>();
+    final List<Path> libraries = new ArrayList<>();
+
     static ApplicationFiles find(List<String> items) throws IOException {
-      ApplicationFiles files = new ApplicationFiles(new ArrayList<>(), new ArrayList<>());
+      ApplicationFiles files = new ApplicationFiles();
       for (String item : items) {
         Path path = absolutePath(item);
         if (Files.isDirectory(path)) {
@@ -298,8 +323,8 @@ public final class Bundle {
 
     private void addFolder(Path folder) throws IOException {
       boolean found = false;
-      for (Path file : Trees.entries(folder)) {
-        if (!Trees.isMacMetadata(file) && !Files.isDirectory(file)) {
+      for (Path file : FileTrees.entries(folder)) {
+        if (!FileTrees.isMacMetadata(file) && !Files.isDirectory(file)) {
           found |= add(file);
         }
       }
@@ -311,7 +336,7 @@ public final class Bundle {
     /** Returns false for any other kind of file. */
     private boolean add(Path file) {
       String name = file.getFileName().toString();
-      if (JAR.matcher(name).matches()) {
+      if (name.endsWith(".jar")) {
         jars.add(file);
       } else if (LIBRARY.matcher(name).matches()) {
         libraries.add(file);
@@ -364,20 +389,18 @@ public final class Bundle {
     }
   }
 
-  /** The Java runtime in a bundle. */
-  private record JavaRuntime(Path home, int version) {
+  /** The Java runtime in a bundle: linked for it, or copied into it. */
+  private static final class JavaRuntime {
     private static final String TOOLS = System.getProperty("java.home") + "/bin/";
     private static final String FAST_START = "-J-XX:TieredStopAtLevel=1"; // halves a tool's time
-    private static final Pattern RELEASE = Pattern.compile("JAVA_VERSION=\"([0-9]+)");
+    private static final Pattern VERSION = Pattern.compile("JAVA_VERSION=\"([0-9]+)");
     private static final Pattern MODULE_LIST = Pattern.compile("[A-Za-z0-9_.,]+");
 
-    static JavaRuntime in(Layout bundle) throws IOException {
+    static int version(Layout bundle) throws IOException {
       Path home = bundle.runtimeHome();
-      Matcher matcher = RELEASE.matcher(Trees.read(home.resolve("release")));
-      if (!matcher.find()) {
-        throw new UserError(home + " is not a Java runtime: its file release names no version");
-      }
-      return new JavaRuntime(home, Integer.parseInt(matcher.group(1)));
+      String release = FileTrees.read(home.resolve("release"));
+      String error = home + " is not a Java runtime: its file `release` names no version";
+      return Integer.parseInt(firstGroup(VERSION, release, error));
     }
 
     /** A JDK's folder, or its subfolder Contents/Home where it is packed for Macs. */
@@ -397,13 +420,14 @@ public final class Bundle {
       }
     }
 
-    static void copy(Path source, Path target) throws IOException, InterruptedException {
+    static void copy(Path source, Layout bundle) throws IOException, InterruptedException {
+      Path contents = bundle.runtimeHome().getParent();
       if (homeIn(source).equals(source)) {
-        Files.createDirectories(target.resolve("Contents"));
-        Trees.copy(source, target.resolve("Contents/Home"));
+        Files.createDirectories(contents);
+        FileTrees.copy(source, bundle.runtimeHome());
       } else {
-        Files.createDirectories(target);
-        Trees.copy(source.resolve("Contents"), target.resolve("Contents"));
+        Files.createDirectories(contents.getParent());
+        FileTrees.copy(source.resolve("Contents"), contents);
       }
     }
 
@@ -413,12 +437,9 @@ public final class Bundle {
       // java.desktop: the launcher opens its packages; jdk.jdwp.agent: a debugger's port needs it.
       Set<String> modules =
           new TreeSet<>(List.of("java.base", "java.desktop", "jdk.jdwp.agent"));
-      modules.addAll(modulesUsedBy(Trees.entries(bundle.jars()), work));
-      for (String name : environment("KESTREL_MODULES").orElse("").split("[,\\s]+")) {
-        if (!name.isEmpty()) {
-          modules.add(name);
-        }
-      }
+      modules.addAll(modulesUsedBy(FileTrees.entries(bundle.jars()), work));
+      environment("KESTREL_MODULES")
+          .ifPresent(names -> modules.addAll(List.of(names.strip().split("[,\\s]+"))));
       String names = String.join(",", modules);
       say("linking a runtime with modules " + names);
       Files.createDirectories(bundle.runtimeHome().getParent());
@@ -461,9 +482,11 @@ public final class Bundle {
           ZipOutputStream copy =
               new ZipOutputStream(new BufferedOutputStream(Files.newOutputStream(target)))) {
         copy.setLevel(0); // it is read once
+        Set<String> names = new HashSet<>();
         for (ZipEntry entry : Collections.list(zip.entries())) {
-          Trees.stopIfInterrupted();
-          if (!entry.getName().endsWith("module-info.class")) {
+          stopIfInterrupted();
+          boolean isNew = names.add(entry.getName()); // some jars have an entry twice
+          if (isNew && !entry.getName().endsWith("module-info.class")) {
             copy.putNextEntry(new ZipEntry(entry.getName()));
             zip.getInputStream(entry).transferTo(copy);
           }
@@ -471,12 +494,10 @@ public final class Bundle {
       }
     }
 
-    /** Makes sure that the launcher finds its library in the runtime. */
-    void addLauncherLibrary() throws IOException {
-      Path library = home.resolve("lib/libjli.dylib");
-      if (System.getProperty("os.name").startsWith("Mac")) {
-        checkForMac(home);
-      } else if (Files.notExists(library)) {
+    /** Adds the library that the launcher loads, which only runtimes for Macs have. */
+    static void addLauncherLibrary(Layout bundle) throws IOException {
+      Path library = bundle.runtimeHome().resolve("lib/libjli.dylib");
+      if (Files.notExists(library)) {
         // On Linux the JVM's own library exports the function that the launcher calls.
         Files.createSymbolicLink(library, Path.of("server/libjvm.so"));
       }
@@ -541,20 +562,23 @@ public final class Bundle {
    */
   private static final class ClassArchive {
     private static final Duration LAUNCH_LIMIT = Duration.ofSeconds(120);
+    // "... startJVM JVM Args: ", then each option on a line after a tab; the last has only the tab.
     private static final Pattern OPTIONS =
         Pattern.compile("startJVM JVM Args: *\n\t(.*?)\n\t\n", Pattern.DOTALL);
     private static final Pattern ARCHIVE_NAME = Pattern.compile("trying to map .*/([^/\n]*\\.jsa)");
-    private static final Pattern CANNOT_START =
-        Pattern.compile("# A fatal|Error: (Linkage|Could not|Main method)");
+    private static final Pattern CANNOT_START = Pattern.compile("(?m)^(# A fatal error has been"
+        + "|Error: (LinkageError|Could not (find or load main|create the Java)|Main method not))");
+    // These are in the list of options, but are the launcher's own functions.
     private static final Set<String> HOOKS = Set.of("vfprintf", "exit", "abort");
 
     private final WorkFolder work;
     private final List<String> arguments;
     private final int version;
     private final String logArchiveUse;
-    private List<String> options; // the launcher's
-    private String fileName; // in the folder of the JVM's library
     private boolean linksClasses;
+    // findOptions() sets these.
+    private List<String> options; // that the launcher passes
+    private String fileName; // of the archive, in the folder of the JVM's library
 
     ClassArchive(WorkFolder work, int version, List<String> arguments) {
       this.work = work;
@@ -570,7 +594,7 @@ public final class Bundle {
       if (!application.reachedMain()) {
         if (application.output().contains("UseCompactObjectHeaders")) {
           throw new UserError("JDK " + version + " does not support -XX:+UseCompactObjectHeaders:"
-              + " use JDK 25 or later, or set KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, both here and"
+              + " use JDK 24 or later, or set KESTREL_AGGRESSIVE_OPTIMIZATIONS=0, both here and"
               + " whenever the bundle is launched");
         }
         throw new UserError("the application does not start: " + application.lastError());
@@ -594,7 +618,8 @@ public final class Bundle {
       java.addArguments(options);
       java.addArguments(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classList(),
           // The launcher's -Xss does not apply to its main thread, but it does under java.
-          "-Xss8m", ENTRY_CLASS, bundle.launcher().toString()));
+          "-Xss8m", ENTRY_CLASS));
+      java.addArguments(List.of(bundle.launcher().toString())); // as the launcher does
       java.addArguments(arguments);
       int status = java.run(limit);
       if (CANNOT_START.matcher(java.output()).find()) {
@@ -605,7 +630,7 @@ public final class Bundle {
           + (isExpected ? "" : ": " + java.lastError()));
 
       // A process that had to be killed may have left half a line.
-      String list = Trees.read(classList());
+      String list = FileTrees.read(classList());
       int end = list.lastIndexOf('\n') + 1;
       if (end == 0) {
         throw new UserError("no classes were recorded: " + java.lastError());
@@ -616,25 +641,30 @@ public final class Bundle {
     /** Writes the archive to where the JVM looks for it, in place of an earlier one. */
     void write(Layout bundle) throws IOException, InterruptedException {
       say("writing the class archive");
-      Path made = work.path("archive");
+      Path newArchive = work.path("archive");
       ChildProcess java = java(bundle);
       java.addArguments(options);
       // All classes are in memory at once, hence the sizes.
       java.addArguments(List.of("-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g"));
+      // The empty class path, which replaces the one in the options, keeps the jars out.
       java.addArguments(List.of("-Djava.class.path=", "-Xshare:dump",
-          "-XX:SharedClassListFile=" + classList(), "-XX:SharedArchiveFile=" + made));
+          "-XX:SharedClassListFile=" + classList(), "-XX:SharedArchiveFile=" + newArchive));
       if (linksClasses) {
         java.addArguments(List.of("-XX:+AOTClassLinking"));
       }
-      java.run();
-      if (!Files.exists(made)) {
+      java.run(); // whatever its status, it is the archive that counts
+      if (!Files.exists(newArchive)) {
         throw new UserError("the JVM writes no archive: " + java.lastError());
       }
-      Files.move(made, file(bundle), StandardCopyOption.REPLACE_EXISTING);
-      Trees.makeReadableForAll(file(bundle));
+      Files.move(newArchive, file(bundle), StandardCopyOption.REPLACE_EXISTING);
+      FileTrees.makeReadableForAll(file(bundle));
     }
 
-    /** Launches the bundle, from where it will stay, to prove that the JVM uses the archive. */
+    /**
+     * Launches the bundle from where it will stay, to prove that the JVM uses the archive: with
+     * -Xshare:on, a JVM that cannot use it does not start. Some JVMs cannot use linked classes of
+     * some modules; then the archive is written again without linking.
+     */
     void proveUse(Layout bundle) throws IOException, InterruptedException {
       ChildProcess application = launchUpToMain(bundle, "-Xshare:on " + logArchiveUse);
       if (!application.reachedMain() && linksClasses) {
@@ -677,20 +707,12 @@ public final class Bundle {
     private static String yesOrNo(boolean value) {
       return value ? "yes" : "no";
     }
-
-    private static String firstGroup(Pattern pattern, String text, String otherwise) {
-      Matcher matcher = pattern.matcher(text);
-      if (!matcher.find()) {
-        throw new UserError(otherwise);
-      }
-      return matcher.group(1);
-    }
   }
 
   /** A program that runs to its end, to the application's main, or until its time is over. */
   private static final class ChildProcess {
     static final int TERMINATED = 143; // the exit status after SIGTERM
-    private static final Duration UNLIMITED = Duration.ofDays(365);
+    private static final Duration UNLIMITED = Duration.ofDays(365); // in effect
     private static final Duration TIME_TO_EXIT = Duration.ofSeconds(10);
     private static final long MOST_OUTPUT = 1 << 20; // bytes
     // They would change what is recorded, or stop the program until a debugger attaches.
@@ -736,17 +758,18 @@ public final class Bundle {
 
     /**
      * Runs the program and returns its exit status. When the limit is over, the program is asked to
-     * exit, and killed if it does not. Processes that it has started do not outlive this call.
+     * exit, and killed if it does not; it is also killed when it reaches main after stopAtMain().
+     * Processes that it has started do not outlive this call.
      */
     int run(Duration limit) throws IOException, InterruptedException {
-      Trees.delete(logs);
+      FileTrees.delete(logs);
       Files.writeString(outputFile, "");
       Process process = builder.start();
       try {
         long deadline = System.nanoTime() + limit.toNanos();
-        if (!waitFor(process, deadline)) {
+        if (!waitForEnd(process, deadline)) {
           process.destroy();
-          waitFor(process, deadline + TIME_TO_EXIT.toNanos());
+          waitForEnd(process, deadline + TIME_TO_EXIT.toNanos());
         }
       } finally {
         killAll(process);
@@ -754,8 +777,8 @@ public final class Bundle {
       return process.exitValue();
     }
 
-    /** Returns false if the deadline has passed. */
-    private boolean waitFor(Process process, long deadline)
+    /** Returns true if the process has exited or reached main, false if the deadline has passed. */
+    private boolean waitForEnd(Process process, long deadline)
         throws IOException, InterruptedException {
       while (System.nanoTime() < deadline) {
         if (process.waitFor(20, TimeUnit.MILLISECONDS) || (stopsAtMain && reachedMain())) {
@@ -773,7 +796,7 @@ public final class Bundle {
     private void killAll(Process process) {
       process.descendants().forEach(descendants::add);
       process.destroyForcibly();
-      process.onExit().join();
+      process.onExit().join(); // unlike waitFor(), it is not ended by an interrupt
       for (ProcessHandle descendant : descendants) {
         descendant.descendants().forEach(ProcessHandle::destroyForcibly);
         descendant.destroyForcibly();
@@ -786,12 +809,12 @@ public final class Bundle {
 
     /** Standard output and standard error. */
     String output() throws IOException {
-      return Trees.read(outputFile);
+      return FileTrees.read(outputFile);
     }
 
     /** The native log, if the program was the launcher. */
     String log() throws IOException {
-      return Trees.read(logs.resolve("kestrel-native.log"));
+      return FileTrees.read(logs.resolve("kestrel-native.log"));
     }
 
     String lastLine() throws IOException {
@@ -828,10 +851,13 @@ public final class Bundle {
 
   /**
    * A folder beside the target in which a bundle is made, so that putting it in place is a rename.
-   * Closing it deletes the folder and, unless keepBundle() was called, restores the target.
+   * Closing it deletes the folder and, unless keepBundle() was called, restores the target. If this
+   * process is killed, the next one does that.
    */
   private static final class WorkFolder implements Closeable {
-    private static final Pattern NAME = Pattern.compile("\\.bundle-([0-9]+)-.*");
+    private static final Pattern NAME = Pattern.compile("\\.bundle-([0-9]{1,10})-.*");
+
+    private static final String PREVIOUS = ".previous";
 
     private final Path target;
     private final Path folder;
@@ -841,16 +867,27 @@ public final class Bundle {
     WorkFolder(Path target) throws IOException {
       this.target = target;
       Path parent = Files.createDirectories(target.getParent());
-      deleteAbandoned(parent);
+      cleanUpAfterKilled(parent);
       folder = Files.createTempDirectory(parent, ".bundle-" + ProcessHandle.current().pid() + "-");
     }
 
-    /** Deletes what a killed process has left. */
-    private static void deleteAbandoned(Path parent) throws IOException {
-      for (Path path : Trees.entries(parent)) {
-        Matcher matcher = NAME.matcher(path.getFileName().toString());
+    private static void cleanUpAfterKilled(Path parent) throws IOException {
+      for (Path folder : FileTrees.entries(parent)) {
+        Matcher matcher = NAME.matcher(folder.getFileName().toString());
         if (matcher.matches() && ProcessHandle.of(Long.parseLong(matcher.group(1))).isEmpty()) {
-          Trees.delete(path);
+          restorePrevious(folder, parent);
+          FileTrees.delete(folder);
+        }
+      }
+    }
+
+    private static void restorePrevious(Path folder, Path parent) throws IOException {
+      for (Path path : FileTrees.entries(folder)) {
+        String name = path.getFileName().toString();
+        if (name.endsWith(PREVIOUS)) {
+          Path target = parent.resolve(name.substring(0, name.length() - PREVIOUS.length()));
+          FileTrees.delete(target); // an unproven one
+          Files.move(path, target);
         }
       }
     }
@@ -865,11 +902,11 @@ public final class Bundle {
     }
 
     private Path previous() {
-      return folder.resolve("previous");
+      return folder.resolve(target.getFileName() + PREVIOUS);
     }
 
     void putInPlace() throws IOException {
-      Trees.makeReadableForAll(bundle());
+      FileTrees.makeReadableForAll(bundle());
       if (Files.exists(target)) {
         Files.move(target, previous());
       }
@@ -877,34 +914,27 @@ public final class Bundle {
       isPlaced = true;
     }
 
-    void keepBundle() {
+    void keepBundle() throws IOException {
       isKept = true;
+      if (Files.exists(previous())) {
+        Files.move(previous(), path("replaced")); // no longer to be restored
+      }
     }
 
     @Override
     public void close() throws IOException {
-      if (!isKept) {
-        if (isPlaced) {
-          Trees.delete(target);
-        }
-        if (Files.exists(previous())) {
-          Files.move(previous(), target);
-        }
+      if (isPlaced && !isKept) {
+        FileTrees.delete(target);
       }
-      Trees.delete(folder);
+      restorePrevious(folder, target.getParent());
+      FileTrees.delete(folder);
     }
   }
 
-  /** Files and folders. */
-  private static final class Trees {
+  /** Operations on files and on folders with all that they contain. */
+  private static final class FileTrees {
     // What only a debugger of the JVM itself reads.
     private static final Pattern DEBUG_FILE = Pattern.compile(".*\\.(debuginfo|diz|dSYM)");
-
-    static void stopIfInterrupted() throws InterruptedException {
-      if (Thread.interrupted()) {
-        throw new InterruptedException();
-      }
-    }
 
     /** What the Finder, or an archiver on a Mac, adds to folders. */
     static boolean isMacMetadata(Path path) {
@@ -927,39 +957,38 @@ public final class Bundle {
     /** Copies a file or a folder but for debugging files and a Mac's metadata. */
     static void copy(Path source, Path target) throws IOException, InterruptedException {
       Path root = source.toRealPath();
-      List<Path> skipped = new ArrayList<>();
-      List<Path> paths;
-      try (Stream<Path> walk = Files.walk(root)) {
-        paths = walk.toList();
+      copyWithin(root, root, target);
+    }
+
+    /** Copies what is at {@code path}, inside or at the root of what is copied as a whole. */
+    private static void copyWithin(Path root, Path path, Path target)
+        throws IOException, InterruptedException {
+      stopIfInterrupted();
+      if (isMacMetadata(path) || DEBUG_FILE.matcher(path.getFileName().toString()).matches()) {
+        return;
       }
-      for (Path path : paths) {
-        stopIfInterrupted();
-        if (skipped.stream().anyMatch(path::startsWith)) {
-          continue;
+      if (Files.isSymbolicLink(path)) {
+        copyLink(root, path, target);
+      } else if (Files.isDirectory(path)) {
+        Files.createDirectory(target);
+        for (Path entry : entries(path)) {
+          copyWithin(root, entry, target.resolve(entry.getFileName()));
         }
-        Path copy = target.resolve(root.relativize(path).toString());
-        if (isMacMetadata(path) || DEBUG_FILE.matcher(path.getFileName().toString()).matches()) {
-          skipped.add(path);
-        } else if (Files.isSymbolicLink(path)) {
-          copyLink(path, copy, root);
-        } else if (Files.isDirectory(path)) {
-          Files.createDirectory(copy);
-        } else {
-          Files.copy(path, copy, StandardCopyOption.COPY_ATTRIBUTES);
-        }
+      } else {
+        Files.copy(path, target, StandardCopyOption.COPY_ATTRIBUTES);
       }
     }
 
     /** A link that leads out of the folder, such as a JDK's to /etc, becomes what it leads to. */
-    private static void copyLink(Path link, Path copy, Path root)
+    private static void copyLink(Path root, Path link, Path target)
         throws IOException, InterruptedException {
       Path destination = Files.readSymbolicLink(link);
       boolean staysInside = !destination.isAbsolute()
           && link.resolveSibling(destination).normalize().startsWith(root);
       if (staysInside) {
-        Files.createSymbolicLink(copy, destination);
+        Files.createSymbolicLink(target, destination);
       } else if (Files.exists(link)) {
-        copy(link, copy);
+        copy(link, target);
       } else {
         throw new UserError(link + " is a link to " + destination + ", which does not exist");
       }
@@ -976,7 +1005,7 @@ public final class Bundle {
       }
     }
 
-    /** Whatever the umask was: folders and programs must be executable for everybody, too. */
+    /** Lets everybody read all files, and execute those that their owner may execute. */
     static void makeReadableForAll(Path root) throws IOException {
       try (Stream<Path> walk = Files.walk(root)) {
         for (Path path : walk.toList()) {
