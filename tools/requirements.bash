@@ -33,7 +33,7 @@ newest_jdk() {
 # is_there THING: whether a command, a file (an absolute path), `jdk` or `googletest` is installed.
 is_there() {
   case $1 in
-    jdk) [[ -n ${JAVA_HOME:-$(newest_jdk)} ]] ;;
+    jdk) [[ -n ${JAVA_HOME:-$(newest_jdk)} ]] ;; # require_jdk checks a JAVA_HOME that is set
     googletest)
       [[ -e /usr/include/gmock/gmock.h || -e /usr/local/include/gmock/gmock.h ||
         -e /opt/homebrew/include/gmock/gmock.h ]]
@@ -75,20 +75,23 @@ install_with_homebrew() {
 }
 
 install_with_apt() {
-  local output as_root=()
+  local output sudo=''
   if ((EUID != 0)); then
     command -v sudo >/dev/null || fail "run as root: apt-get install $*"
-    as_root=(sudo)
+    sudo=sudo
   fi
-  say "installing $* with ${as_root[*]:+sudo }apt-get"
-  if ! output=$({
-    ${as_root[@]+"${as_root[@]}"} apt-get update -qq &&
-      ${as_root[@]+"${as_root[@]}"} env DEBIAN_FRONTEND=noninteractive LC_ALL=C \
-        apt-get install -y -qq --no-install-recommends "$@"
-  } 2>&1); then
+  say "installing $* with ${sudo:+sudo }apt-get"
+  if ! output=$(run_apt "$sudo" "$@" 2>&1); then
     # The first failed download says more than apt's last lines.
     fail "$(grep -o -m 1 'Failed to fetch.*' <<<"$output" || tail -n 5 <<<"$output")"
   fi
+}
+
+# run_apt SUDO PACKAGE...: SUDO is empty or `sudo`.
+run_apt() {
+  $1 apt-get update -qq &&
+    $1 env DEBIAN_FRONTEND=noninteractive LC_ALL=C \
+      apt-get install -y -qq --no-install-recommends "${@:2}"
 }
 
 # Makes sure that there is a JDK. Sets java_version and, unless the caller has set it, JAVA_HOME.
@@ -101,14 +104,5 @@ require_jdk() {
   java_version=$(jdk_version "$JAVA_HOME")
   if [[ -z $java_version ]]; then
     fail "JAVA_HOME=$JAVA_HOME, which your environment sets, is not a JDK of version 17 or later"
-  fi
-}
-
-# A JDK before 24 rejects one of the default options and needs this switch at every launch.
-set_switch_for_old_jdk() {
-  if ((java_version < 24)) && [[ -z ${KESTREL_AGGRESSIVE_OPTIMIZATIONS+set} ]]; then
-    export KESTREL_AGGRESSIVE_OPTIMIZATIONS=0
-    say "JDK $java_version does not support -XX:+UseCompactObjectHeaders;" \
-      "setting KESTREL_AGGRESSIVE_OPTIMIZATIONS=0"
   fi
 }
