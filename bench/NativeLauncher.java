@@ -19,6 +19,6 @@ public final class NativeLauncher {
       }
     }, AWTEvent.WINDOW_EVENT_MASK);
     Class.forName("SwingSet2").getMethod("main", String[].class).invoke(null, (Object) args);
-    Thread.currentThread().join();  // the process ends when main returns
+    Thread.sleep(Long.MAX_VALUE); // until System.exit above
   }
 }

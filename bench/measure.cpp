@@ -151,6 +151,7 @@ std::vector<Program> parsePrograms(const std::vector<char*>& words) {
 int main(int argc, char** argv) {
   if (argc < 5) fail("usage: measure ROUNDS STATUS NAME PROGRAM [ARG...] [-- ...]");
   const int rounds = std::stoi(argv[1]);
+  if (rounds < 1) return 2;
   const int status = std::stoi(argv[2]);
   const std::vector<char*> words(argv + 3, argv + argc);
   std::vector<Program> programs = parsePrograms(words);
