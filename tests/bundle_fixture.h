@@ -126,12 +126,11 @@ class BundleFixture : public testing::Test {
     return process.output;
   }
 
-  // What tools/log shows for the launch: status and outcome, such as "0 main returned 0".
-  std::string whatHappened(const Process& launch) const {
+  // What tools/log shows of the last launch: status and outcome, such as "0 main returned 0".
+  std::string whatHappened() const {
     const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
-    const std::string timeAndPid = "^.{19} +" + std::to_string(launch.pid) + " +";
-    const std::regex columns(timeAndPid + "[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
-    return std::regex_replace(linesWith(overview, timeAndPid), columns, "$1 $2");
+    const std::regex columns(".{19} +[0-9]+ +[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
+    return std::regex_replace(linesWith(overview, "^[0-9]{4}-"), columns, "$1 $2");
   }
 
   // Replaces variable parts by the placeholders of docs/options.md, and strips the banner and the
