@@ -14,14 +14,4 @@ TEST_F(Documents, ReadmeHasEachEnvironmentVariable) {
             "");
 }
 
-TEST_F(Documents, TroubleshootingHasEachFailureOfTheJavaEntry) {
-  EXPECT_EQ(outputOf(R"sh(cd "$PROJECT"
-      sed -n '/^enum Failure/,/}/s/.* = \([0-9]*\),/\1/p' java_entry/KestrelJVMApp.cpp >$ROOT/statuses
-      grep -q 103 $ROOT/statuses || echo 'no statuses found'
-      while read -r status; do
-        grep -q "^- Status: .*$status" docs/troubleshooting.md || echo "$status"
-      done <$ROOT/statuses)sh"),
-            "");
-}
-
 }  // namespace
