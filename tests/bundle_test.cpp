@@ -4,7 +4,7 @@
 #include "tests/bundle_fixture.h"
 
 namespace fs = std::filesystem;
-using testing::HasSubstr;
+using testing::EndsWith, testing::HasSubstr;
 
 namespace {
 
@@ -214,12 +214,8 @@ TEST_F(Bundle, RestoresTheEarlierOneAfterAFailure) {
   std::ofstream(root + "/runtime/release") << "JAVA_VERSION=\"21.0.1\"\n";  // which links nothing
   const Process process = makeBundle("SCRIPT='archive unusable'");
   EXPECT_EQ(process.ending, exited(1));
-  EXPECT_EQ(process.output,
-            R"(bundle: recording the loaded classes, for 20 s or until the application exits
-bundle: the application exited with status 0
-bundle: writing the class archive
-bundle: the JVM does not use its archive: Error: no use
-)");
+  EXPECT_THAT(process.output,
+              EndsWith("\nbundle: the JVM does not use its archive: Error: no use\n"));
   expectEarlierBundle();
 }
 

@@ -1,8 +1,7 @@
 // What running the launcher cannot show. Includes source files to reach their file-local names.
-#include <CoreFoundation/CoreFoundation.h>
 #include <dlfcn.h>
-#include <objc/runtime.h>
 
+#include <thread>
 #include <utility>
 
 #include "jvm/ClassPath.h"
@@ -16,19 +15,7 @@ namespace {
 std::time_t clockShows = 0;
 long pageSize = 0;
 int freed = 0;
-int runs = 0;
-const char* lookedUp = nullptr;  // set before main
 va_list noArguments{};
-
-// The launcher's loop would wait forever. Here the first run times out (provided a timer keeps the
-// loop alive), the second is stopped, the third finishes.
-CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean afterSource) {
-  EXPECT_EQ(mode, kCFRunLoopDefaultMode);
-  EXPECT_EQ(seconds, 1.7976931348623157e+308);
-  EXPECT_FALSE(afterSource);
-  if (++runs == 1) return CFRunLoopRunInMode(mode, 0, afterSource);
-  return runs == 2 ? kCFRunLoopRunStopped : kCFRunLoopRunFinished;
-}
 
 }  // namespace
 
@@ -37,12 +24,8 @@ CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean
 // before they are ready for other code, and on a Mac the other functions are in shared libraries.
 #define sysconf(name) ((name) == _SC_PAGESIZE ? pageSize : -1)
 #define free(block) (++freed, free(block))
-#define CFRunLoopRunInMode runInMode
-#define objc_lookUpClass(name) (lookedUp = (name), nullptr)
-#define main launcherMain
 #include "jvm/JVMOptions.cpp"
 #include "jvm/KestrelJVMHost.cpp"
-#include "launcher/KestrelApplication.cpp"
 
 // Overrides the C library's time() in this program.
 extern "C" std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) {
@@ -57,7 +40,7 @@ struct Unit : BundleFixture {
     // As in a new process.
     logsDirInitialized = isFileLoggingEnabled = isConsoleLoggingEnabled = false;
     massage_handler_logging = 0;
-    clockShows = freed = runs = 0;
+    clockShows = freed = 0;
   }
 
   std::string logged() { return readable(contentOf(log), getpid()); }
@@ -122,16 +105,28 @@ TEST_F(Unit, LogTakesTwoRecordsAtOnceAndDropsAThird) {
   EXPECT_EQ(logged(), " f 0\n f 1\n");
 }
 
+TEST_F(Unit, LogTakesRecordsFromSeveralThreads) {
+  initialize_logging(false);
+  std::vector<std::thread> threads;
+  while (threads.size() < 8) {
+    threads.emplace_back([] {
+      for (int n = 0; n < 200; ++n) LOG_RECORD(INFO, "f");
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(massage_handler_logging, 0);
+}
+
 TEST_F(Unit, FatalErrorIsShownOnTheConsoleAndRunsExitHandlers) {
   isConsoleLoggingEnabled = true;
   const std::string file = bin + "/kestrel/below";
   setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", file.c_str(), 1);
-  const auto initialize = [] {
-    std::atexit([] { std::fputs("handlers ran", stderr); });
-    initialize_logging(false);
-  };
   EXPECT_EXIT(
-      initialize(), testing::ExitedWithCode(1),
+      {
+        std::atexit([] { std::fputs("handlers ran", stderr); });
+        initialize_logging(false);
+      },
+      testing::ExitedWithCode(1),
       " reportFatalAndExit Invalid or inaccessible log directory: " + file + "\nhandlers ran");
 }
 
@@ -194,14 +189,5 @@ TEST_F(Unit, RuntimeLibraryIsLoadedLocally) {
   EXPECT_EQ(dlsym(RTLD_DEFAULT, "JNI_CreateJavaVM"), nullptr);
 }
 #endif
-
-TEST_F(Unit, RunAppReturnsOnlyWhenTheLoopHasFinished) {
-  initialize_logging(false);
-  runApp();
-  EXPECT_EQ(runs, 3);
-  EXPECT_EQ(logged(), " runApp CoreFoundation event loop is finished\n");
-}
-
-TEST_F(Unit, NsApplicationClassIsLookedUpBeforeMain) { EXPECT_STREQ(lookedUp, "NSApplicationAWT"); }
 
 }  // namespace
