@@ -20,6 +20,9 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
 > FindClass(java/lang/String)
 > CallStaticIntMethod [<install>/kestrel] [a  b] [] [größe]
 )";
+  const std::string returned = calledMain + R"(> ExceptionOccurred
+ operator() JVM main ended
+)";
   const std::string printedException = R"(> ExceptionOccurred
 > FindClass(java/lang/Throwable)
 > GetMethodID(printStackTrace()V)
@@ -39,18 +42,11 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
     std::string log;  // after the JVM is created
   };
   const std::vector<Case> cases = {
-      {"SCRIPT_status=0", 0, "main returned 0", calledMain + R"(> ExceptionOccurred
- operator() JVM main ended
- operator() JVM started successfully
-)"},
-      {"SCRIPT_status=1", 0, "main returned 1", calledMain + R"(> ExceptionOccurred
- operator() JVM main ended
- operator() JVM exit after startup is set, exiting
-)"},
-      {"SCRIPT_status=-1", 255, "main returned a negative value",
-       calledMain + R"(> ExceptionOccurred
- operator() JVM main ended
-)"},
+      {"SCRIPT_status=0", 0, "main returned 0",
+       returned + " operator() JVM started successfully\n"},
+      {"SCRIPT_status=1", 0, "main returned 1",
+       returned + " operator() JVM exit after startup is set, exiting\n"},
+      {"SCRIPT_status=-1", 255, "main returned a negative value", returned},
       {"SCRIPT_status=7", 7, "main returned 7", calledMain + "> ExceptionOccurred\n" + reported(7)},
       {"SCRIPT_attach=-5", 103, "attaching the thread failed", R"( operator() JVM calling main
 > AttachCurrentThread
@@ -270,6 +266,15 @@ TEST_F(Launcher, MakesLogDirectoriesForTheOwnerAlone) {
   launch("umask 0; KESTREL_NATIVE_LOG_DIR_OVERRIDE=$ROOT/new/deep exec $LAUNCHER");
   EXPECT_EQ(fs::status(root + "/new").permissions(), fs::perms::owner_all);
   EXPECT_EQ(fs::status(root + "/new/deep").permissions(), fs::perms::owner_all);
+}
+
+TEST_F(Launcher, ReadsOnlyVariablesThatTheReadmeNames) {
+  EXPECT_EQ(outputOf(R"sh(cd "$PROJECT"
+      cat launcher/*.cpp java_entry/*.cpp jvm/*.cpp logging/*.cpp platform/*.cpp |
+        sed -n 's/.*getenv("\([A-Z_]*\)").*/\1/p' >$ROOT/variables
+      grep -q TMPDIR $ROOT/variables || echo 'no variables found'
+      while read -r name; do grep -q "\`$name\`" README.md || echo "$name"; done <$ROOT/variables)sh"),
+            "");
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 // What running the launcher cannot show. Includes source files to reach their file-local names.
-#include <dlfcn.h>
-
 #include <thread>
 #include <utility>
 
-#include "jvm/ClassPath.h"
 #include "tests/bundle_fixture.h"
 
 namespace fs = std::filesystem;
@@ -68,11 +65,6 @@ lines
   const std::string head = VERSION " " + std::to_string(getpid()) + " ";
   EXPECT_EQ(replaced(contentOf(log), head, "<head>"), "earlier\n" + banner + banner + lines);
   EXPECT_EQ(replaced(testing::internal::GetCapturedStderr(), head, "<head>"), lines);
-}
-
-TEST_F(Unit, LogIsOffBeforeItsInitialization) {
-  LOG_RECORD(ERROR, "early") << "is lost";
-  EXPECT_EQ(contentOf(log), "");
 }
 
 TEST_F(Unit, LogDirectoryStaysAsItWasAtFirst) {
@@ -146,11 +138,6 @@ TEST_F(Unit, ThreadStackIsEightPagesButAtLeast384KiB) {
   }
 }
 
-TEST_F(Unit, StringReplaceDoesNotSearchReplacements) {
-  EXPECT_EQ(string_replace("aa", "a", "aa"), "aaaa");
-  EXPECT_EQ(string_replace("a:b", "", "x"), "a:b");
-}
-
 TEST_F(Unit, JvmOutputIsLoggedUpToItsLimit) {
   initialize_logging(false);
   EXPECT_EQ(jvm_vprintf(nullptr, "Error occurred\n", noArguments), 15);
@@ -182,12 +169,5 @@ TEST_F(Unit, OptionsAreFreedOnlyAfterTheJvmIsCreated) {
   EXPECT_NE(KestrelJVMHost::startJVM(""), nullptr);
   EXPECT_GT(freed, 0);
 }
-
-#ifdef __linux__  // where RTLD_LOCAL is the default
-TEST_F(Unit, RuntimeLibraryIsLoadedLocally) {
-  EXPECT_NE(KestrelJVMHost::resolveJNICreateFunction(), nullptr);
-  EXPECT_EQ(dlsym(RTLD_DEFAULT, "JNI_CreateJavaVM"), nullptr);
-}
-#endif
 
 }  // namespace
