@@ -161,7 +161,7 @@ TEST_F(LogReader, ReadsTheCrashReportBesideTheLog) {
 // and the JVM writes its lines in pieces. The log was mailed.
 TEST_F(LogReader, SeparatesLaunches) {
   const std::string text =
-      "\tof a record that is cut off\n" + records("5", {"JVM main ended"}) + banner +
+      "\tof a record that is cut off\n" + records("5", {"JVM:  words"}) + banner +
       records("6", {"Program arguments:  one \ntwo ", "JVM:  Server VM warning: ", "JVM:  Full"}) +
       records("66", {"Program arguments:  three ", "JVM:  not in", "JVM: exit( 3 )"}) +
       records("6", {"JVM:   thread dump:\n", "JVM:  \"main\"\n\tat a.b\n"}) + banner +
@@ -169,7 +169,7 @@ TEST_F(LogReader, SeparatesLaunches) {
   write("log", replaced(text, "\n", "\r\n"));
   EXPECT_EQ(read("log"), R"(log: ./log
 time PID version status what happened arguments
-2026-11-23 03:00:00 5 1.2.3 255 main returned a negative value ?
+2026-11-23 03:00:00 5 1.2.3 - no exit: still running, or killed ?
 2026-11-23 03:00:00 6 1.2.3 - no exit: before the JVM started one \ntwo
 2026-11-23 03:00:00 66 1.2.3 3 System.exit(3) three
 2026-11-23 03:00:00 6 1.2.3 - no exit: the JVM was starting last
