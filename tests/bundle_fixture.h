@@ -45,15 +45,6 @@ inline std::string linesWith(const std::string& text, const std::string& express
   return found;
 }
 
-// For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
-// EXPECT_EQ would also print both texts as a whole. The difference is GoogleTest's own.
-inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
-  if (actual == expected) return testing::AssertionSuccess();
-  return testing::AssertionFailure()
-         << "the texts differ (- expected, + actual):\n"
-         << testing::internal::edit_distance::CreateUnifiedDiff(linesOf(expected), linesOf(actual));
-}
-
 inline std::string exited(int status) { return "exited with status " + std::to_string(status); }
 inline std::string killed(int signal) { return std::string("killed: ") + strsignal(signal); }
 
@@ -66,11 +57,7 @@ struct Process {
 
   // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
   friend std::ostream& operator<<(std::ostream& stream, const Process& process) {
-    return stream << "output:\n" << endOf(process.output) << "log:\n" << endOf(process.log);
-  }
-  static std::string endOf(const std::string& text) {
-    constexpr std::size_t SHOWN = 500;
-    return text.size() > SHOWN ? "... " + text.substr(text.size() - SHOWN) : text;
+    return stream << "output:\n" << process.output << "log:\n" << process.log;
   }
 };
 
@@ -139,12 +126,11 @@ class BundleFixture : public testing::Test {
     return process.output;
   }
 
-  // What tools/log shows for the launch: status and outcome, such as "0 main returned 0".
-  std::string whatHappened(const Process& launch) const {
+  // What tools/log shows of the last launch: status and outcome, such as "0 main returned 0".
+  std::string whatHappened() const {
     const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
-    const std::string timeAndPid = "^.{19} +" + std::to_string(launch.pid) + " +";
-    const std::regex columns(timeAndPid + "[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
-    return std::regex_replace(linesWith(overview, timeAndPid), columns, "$1 $2");
+    const std::regex columns(".{19} +[0-9]+ +[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
+    return std::regex_replace(linesWith(overview, "^[0-9]{4}-"), columns, "$1 $2");
   }
 
   // Replaces variable parts by the placeholders of docs/options.md, and strips the banner and the

@@ -21,13 +21,7 @@ std::string records(const std::string& pid, const Texts& texts) {
 }
 
 struct LogReader : BundleFixture {
-  LogReader() {
-    awks =
-        linesOf(outputOf("for awk in awk mawk gawk original-awk; do command -v $awk; done; true"));
-  }
-
   void write(const std::string& file, const std::string& content) const {
-    fs::create_directories(fs::path(root + "/" + file).parent_path());
     std::ofstream(root + "/" + file) << content;
   }
 
@@ -45,14 +39,14 @@ struct LogReader : BundleFixture {
   }
 
   // The status and the outcome that the overview shows of a launch without arguments.
-  std::string outcomeOf(const Texts& texts, const Texts& moreTexts = {}) const {
-    write("logs/log",
-          records("7", {"Program arguments:  "}) + records("7", texts) + records("7", moreTexts));
+  std::string outcomeOf(const Texts& texts) const {
+    write("logs/log", records("7", {"Program arguments:  "}) + records("7", texts));
     const std::regex columns("[^]* 7 1.2.3 (.*)\n");
     return std::regex_replace(read("logs/log"), columns, "$1");
   }
 
-  std::vector<std::string> awks;
+  const std::vector<std::string> awks =
+      linesOf(outputOf("for awk in awk mawk gawk original-awk; do command -v $awk; done; true"));
 };
 
 TEST_F(LogReader, HasTheNamesAndStatusesOfTheDocumentation) {
@@ -72,6 +66,7 @@ TEST_F(LogReader, HasTheNamesAndStatusesOfTheDocumentation) {
 TEST_F(LogReader, ReadsTheLogThatTheEnvironmentSelects) {
   for (const std::string folder :
        {"chosen", "test/nativeLogs", "home/Library/Logs/Norvale/Kestrel-Dev"}) {
+    fs::create_directories(root + "/" + folder);
     write(folder + "/kestrel-native.log", records("7", {"Program arguments:  in " + folder}));
   }
   unsetenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE");
@@ -92,30 +87,21 @@ TEST_F(LogReader, RefusesWrongArguments) {
   EXPECT_EQ(read("other"), "log: ./other contains no Kestrel log records\n");
   EXPECT_EQ(read("log 7"), "log: ./log has no launch with process ID 7\n");
   EXPECT_EQ(read("log other"), "log: too many arguments; see --help\n");
-  EXPECT_EQ(read("77 log --last"), "log: too many arguments; see --help\n");
   EXPECT_EQ(read("--first"), "log: unknown option: --first; see --help\n");
-  EXPECT_THAT(read("--help"), HasSubstr("\n log [FILE] PID the records of each launch"));
-  EXPECT_EQ(run("exec \"$PROJECT/tools/log\" missing").ending, exited(1));
   EXPECT_EQ(run("exec \"$PROJECT/tools/log\" $ROOT/other").ending, exited(1));
 }
 
 TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
-  const std::string ended = "JVM main ended", success = "JVM started successfully";
-  const Texts failed = {ended, "Failed to initialize Kestrel JVM application: 300"};
+  const std::string ended = "JVM main ended";
+  const std::string failed = "Failed to initialize Kestrel JVM application: 300";
+  const std::string threw = "Method ' main ' failed with exception!";
   EXPECT_EQ(outcomeOf({"Starting JVM", "JVM:  JVM main ended", "JVM:  Cannot load  x"}),
             "- no exit: the JVM was starting");
-  EXPECT_EQ(outcomeOf(failed), "44 main returned 300");
-  EXPECT_EQ(outcomeOf({"Method ' main ' failed with exception!"}, failed),
-            "108 main threw an exception");
-  EXPECT_EQ(outcomeOf({"JVM: exit( -3 )", "Method ' main ' failed with exception!"}),
-            "253 System.exit(-3)");
-  EXPECT_EQ(outcomeOf({"JVM: exit( 129 )"}), "129 terminated by a signal");
-  EXPECT_EQ(outcomeOf({"JVM: exit( 130 )"}), "130 terminated by a signal");
-  EXPECT_EQ(outcomeOf({"JVM: exit( 0 )", ended, success}), "0 System.exit(0)");
+  EXPECT_EQ(outcomeOf({ended, failed}), "44 main returned 300");
+  EXPECT_EQ(outcomeOf({threw, ended, failed}), "108 main threw an exception");
+  EXPECT_EQ(outcomeOf({"JVM: exit( -3 )", threw}), "253 System.exit(-3)");
+  EXPECT_EQ(outcomeOf({"JVM: exit( 0 )", ended, "JVM started successfully"}), "0 System.exit(0)");
   EXPECT_EQ(outcomeOf({"JVM: exit( 143 )", ended}), "- two exits at once");
-  EXPECT_EQ(outcomeOf({"Failed to start JVM"}), "53 the JVM could not be created");
-  EXPECT_EQ(outcomeOf({"Failed to locate exported function to start VM", "Failed to start JVM"}),
-            "53 the runtime library has no JVM");
   EXPECT_EQ(outcomeOf({"Unable to open jvm args file:  x y", "Failed to start JVM"}),
             "53 the options file cannot be read: x y");
 }
@@ -123,86 +109,72 @@ TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
 TEST_F(LogReader, ShowsTheWordsOfAJvmThatDoesNotStart) {
   const std::string start = "Starting JVM", abort = "JVM: abort()";
   const std::string error = "JVM:  Error occurred during initialization of VM";
-  const std::string warning = "JVM:  Server VM warning: ";
-  const Texts failed1 = {"Error creating VM: code= -1 . Exiting...\n", "Failed to start JVM"};
-  const Texts failed6 = {"Error creating VM: code= -6 . Exiting...\n", "Failed to start JVM"};
-  EXPECT_EQ(outcomeOf({start, abort}), "1 the JVM could not start");
+  const std::string code1 = "Error creating VM: code= -1 . Exiting...\n";
+  const std::string code6 = "Error creating VM: code= -6 . Exiting...\n";
+  const std::string xlog = "JVM:  [0.1s][cds] No file\n";
   EXPECT_EQ(
       outcomeOf({start, "JVM:  Not this\n", error, "JVM:  \nNo agent", "JVM:  : x\n\nMore", abort}),
       "1 the JVM could not start: No agent: x");
-  EXPECT_EQ(outcomeOf({error, "JVM:  No thread\n", abort}, failed1),
+  EXPECT_EQ(outcomeOf({error, "JVM:  No thread\n", abort, code1}),
             "53 the JVM could not be created: No thread");
-  EXPECT_EQ(outcomeOf({start}, failed6), "53 the JVM rejected an option");
-  EXPECT_EQ(outcomeOf({start, "JVM:   \n", warning, "JVM:  \tToo large"}, failed6),
-            "53 the JVM rejected an option: Too large");
-  const Texts xlog = {start, "JVM:  [0.1s]", "JVM:  [error]", "JVM:  [cds]", "JVM:   No file\n"};
-  EXPECT_EQ(outcomeOf(xlog, failed1),
-            "53 the JVM could not be created: [0.1s][error][cds] No file");
-  EXPECT_EQ(outcomeOf(xlog, {"JVM:  The reason\nMore", abort}),
+  EXPECT_EQ(
+      outcomeOf({start, "JVM:   \n", "JVM:  Server VM warning: ", "JVM:  \tToo large", code6}),
+      "53 the JVM rejected an option: Too large");
+  EXPECT_EQ(outcomeOf({start, xlog, code1}),
+            "53 the JVM could not be created: [0.1s][cds] No file");
+  EXPECT_EQ(outcomeOf({start, xlog, "JVM:  The reason\nMore", abort}),
             "1 the JVM could not start: The reason");
 }
 
 TEST_F(LogReader, ShowsTheFirstReasonOfTheLoader) {
-  const std::string path = "/a (b)/../lib/libjli.dylib";
-  const auto reasonIn = [this, &path](const std::string& text) {
-    return outcomeOf({"Cannot load  " + path + " :  " + text},
-                     {"Failed to locate exported function to start VM", "Failed to start JVM"});
-  };
-  const std::string shown = "53 the runtime could not be loaded: ";
-  EXPECT_EQ(reasonIn(path + ": file too short"), shown + "file too short");
-  EXPECT_EQ(reasonIn("libz.so: no such file"), shown + "libz.so: no such file");
+  const std::string shown = "53 the runtime could not be loaded: ", failed = "Failed to start JVM";
+  const std::string load = "Cannot load  /a (b)/x :  ";
+  EXPECT_EQ(outcomeOf({load + "/a (b)/x: file too short", failed}), shown + "file too short");
   // Those of Macs.
-  const std::string dlopen = "dlopen(" + path + ", 0x0001): ", here = "'" + path + "' (";
-  const std::string reason = "signature of '" + path + "' (arm64) has different Team IDs (x)";
   EXPECT_EQ(
-      reasonIn(dlopen + "tried: " + here + reason + "), '/OS' (no such file), " + here + "y)"),
-      shown + reason);
-  EXPECT_EQ(reasonIn(dlopen + "tried: " + here + "no such file)"), shown + "no such file");
-  EXPECT_EQ(reasonIn(dlopen + "no suitable image found.  Did find:\n\t" + path + ": no\n\tmore"),
+      outcomeOf({load + "dlopen(/a (b)/x, 0x0001): tried: '/a (b)/x' (signature of '/a (b)/x' "
+                        "(arm64) has no team), '/OS' (no such file), '/a (b)/x' (y)"}),
+      shown + "signature of '/a (b)/x' (arm64) has no team");
+  EXPECT_EQ(outcomeOf({load + "dlopen(/a (b)/x, 1): no suitable image found.  Did find:\n"
+                              "\t/a (b)/x: no\n\tmore"}),
             shown + "no");
 }
 
 TEST_F(LogReader, ReadsTheCrashReportBesideTheLog) {
   const std::string memory = "JVM:  Aborting due to java.lang.OutOfMemoryError: ";
   const std::string abort = "JVM: abort()", report = "kestrel-error-7.log";
-  EXPECT_EQ(outcomeOf({"Starting JVM", "Java Virtual Machine is created!", abort}),
-            "- the JVM crashed");
   write("logs/" + report, "#\n# A fatal error has been detected by the JVM:\n");
   EXPECT_EQ(outcomeOf({"Starting JVM", abort}), "134 the JVM crashed: " + report);
-  EXPECT_EQ(outcomeOf({memory + "Java heap space", abort}),
-            "134 Java out of memory: Java heap space");
   EXPECT_EQ(outcomeOf({memory + "Metaspace", abort}),
             "134 class metadata limit reached: Metaspace");
-  EXPECT_EQ(outcomeOf({memory + "Compressed class space", abort}),
-            "134 class metadata limit reached: Compressed class space");
   write("logs/" + report,
         "# A fatal error has been detected\n# CreateCoredumpOnCrash turned off, no core\n");
   EXPECT_EQ(outcomeOf({memory + "x", abort}), "1 Java out of memory: x");
   write("logs/" + report, "# There is insufficient memory for the JVM\n");
   EXPECT_EQ(outcomeOf({abort}), "1 the system ran out of memory: " + report);
   write("logs/" + report, "#\n\n# There is insufficient memory, far below the head\n");
-  EXPECT_EQ(outcomeOf({abort}), "- the JVM crashed");
+  EXPECT_EQ(outcomeOf({"Starting JVM", "Java Virtual Machine is created!", abort}),
+            "- the JVM crashed");
 }
 
 // The beginning of the log is cut off, two processes write in turn, one process ID is used twice,
 // and the JVM writes its lines in pieces. The log was mailed.
 TEST_F(LogReader, SeparatesLaunches) {
-  const std::string text = "\tof a record that is cut off\n" + records("5", {"JVM main ended"}) +
-                           banner + records("6", {"Program arguments:  one \ntwo ", "JVM:  Full"}) +
-                           records("66", {"Program arguments:  three ", "JVM:  not in"}) +
-                           records("6", {"JVM:   thread dump:\n"}) +
-                           records("66", {"JVM:   another\n", "JVM:  Server VM warning: "}) +
-                           records("66", {"JVM:  next", "JVM: exit( 3 )"}) +
-                           records("6", {"JVM:  \"main\"\n\tat a.b\n"}) + banner +
-                           records("6", {"Program arguments:  last ", "Starting JVM"});
+  const std::string text =
+      "\tof a record that is cut off\n" + records("5", {"JVM:  words"}) + banner +
+      records("6", {"Program arguments:  one \ntwo ", "JVM:  Server VM warning: ", "JVM:  Full"}) +
+      records("66", {"Program arguments:  three ", "JVM:  not in", "JVM: exit( 3 )"}) +
+      records("6", {"JVM:   thread dump:\n", "JVM:  \"main\"\n\tat a.b\n"}) + banner +
+      records("6", {"Program arguments:  last ", "Starting JVM"});
   write("log", replaced(text, "\n", "\r\n"));
   EXPECT_EQ(read("log"), R"(log: ./log
 time PID version status what happened arguments
-2026-11-23 03:00:00 5 1.2.3 255 main returned a negative value ?
+2026-11-23 03:00:00 5 1.2.3 - no exit: still running, or killed ?
 2026-11-23 03:00:00 6 1.2.3 - no exit: before the JVM started one \ntwo
 2026-11-23 03:00:00 66 1.2.3 3 System.exit(3) three
 2026-11-23 03:00:00 6 1.2.3 - no exit: the JVM was starting last
 )");
+  const std::string head = "log: ./log\ntime PID version status what happened arguments\n";
   const std::string last = R"(2026-11-23 03:00:00 6 1.2.3 - no exit: the JVM was starting last
 
 f Program arguments: last 
@@ -211,26 +183,21 @@ f Starting JVM
 See "no exit: the JVM was starting" in docs/troubleshooting.md.
 
 )";
-  const std::string head = "log: ./log\ntime PID version status what happened arguments\n";
   EXPECT_EQ(read("--last log"), head + last);
-  EXPECT_EQ(read("6 log"),
-            head + R"(2026-11-23 03:00:00 6 1.2.3 - no exit: before the JVM started one \ntwo
+  const std::string first =
+      R"(2026-11-23 03:00:00 6 1.2.3 - no exit: before the JVM started one \ntwo
 
 f Program arguments: one 
 two 
+f JVM: Server VM warning: 
 f JVM: Full thread dump:
 "main"
 	at a.b
 
 See "no exit: before the JVM started" in docs/troubleshooting.md.
 
-)" + last);
-  EXPECT_THAT(read("log 66"), HasSubstr(R"(
-f JVM: not in another
-Server VM warning: 
-f JVM: next
-f JVM: exit( 3 )
-)"));
+)";
+  EXPECT_EQ(read("6 log"), head + first + last);
 }
 
 TEST_F(LogReader, PrintsNothingThatATerminalObeys) {

@@ -31,7 +31,6 @@ KESTREL_VERSION=<version>
 user.dir=<install>
 )");
   EXPECT_TRUE(fs::exists(root + "/größe"));
-  EXPECT_EQ(whatHappened(process), "0 main returned 0");
 }
 
 // No thread outlives main, and no shutdown hook runs.
@@ -41,7 +40,7 @@ TEST_F(RealJvm, ExitsWhenMainReturns) {
   EXPECT_EQ(process.ending, exited(0)) << process;
   EXPECT_THAT(process.output, ContainsRegex("Listening for transport dt_socket at address: "));
   EXPECT_THAT(process.output, EndsWith("user.dir=<install>\n"));
-  EXPECT_EQ(whatHappened(process), "0 main returned 0");
+  EXPECT_EQ(whatHappened(), "0 main returned 0");
 }
 
 TEST_F(RealJvm, ShowsAnExceptionOfMain) {
@@ -50,7 +49,7 @@ TEST_F(RealJvm, ShowsAnExceptionOfMain) {
   EXPECT_EQ(process.ending, exited(108)) << process;
   EXPECT_EQ(linesWith(process.output, "Exception"),
             "java.lang.IllegalStateException: the sample was asked to throw\n");
-  EXPECT_EQ(whatHappened(process), "108 main threw an exception");
+  EXPECT_EQ(whatHappened(), "108 main threw an exception");
 }
 
 TEST_F(RealJvm, LogsStacksOnTheFirstSignalAndExitsOnTheSecond) {
@@ -63,7 +62,7 @@ TEST_F(RealJvm, LogsStacksOnTheFirstSignalAndExitsOnTheSecond) {
   EXPECT_EQ(process.ending, exited(143)) << process;
   EXPECT_THAT(process.output, EndsWith("\na hook ran\n"));
   EXPECT_THAT(process.log, EndsWith("\n jvm_exit JVM: exit( 143 )\n"));
-  EXPECT_EQ(whatHappened(process), "143 terminated by a signal");
+  EXPECT_EQ(whatHappened(), "143 terminated by a signal");
 }
 
 TEST_F(RealJvm, LeavesAReportAndTheHeapIfMemoryRunsOut) {
@@ -74,7 +73,7 @@ kestrel-native.log
 kestrel-oom-<pid>.hprof
 )");
   EXPECT_THAT(process.log, EndsWith("\n jvm_abort JVM: abort()\n"));
-  EXPECT_EQ(whatHappened(process), "134 Java out of memory: Java heap space");
+  EXPECT_EQ(whatHappened(), "134 Java out of memory: Java heap space");
 }
 
 TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
@@ -84,7 +83,6 @@ TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
   const Process process = launch("exec $LAUNCHER one two");
   EXPECT_EQ(process.ending, exited(3)) << process;
   EXPECT_THAT(process.output, EndsWith("hello one two\n"));
-  EXPECT_EQ(whatHappened(process), "3 System.exit(3)");
 }
 
 }  // namespace
