@@ -33,12 +33,15 @@ struct Bundle : BundleFixture {
   Bundle() {
     const std::string jdk = fs::path(JAVAC).parent_path();
     setenv("JDK", jdk.c_str(), 1);
-    setenv("BUNDLE", (jdk + "/java -XX:TieredStopAtLevel=1 -cp " BUNDLER " Bundle").c_str(), 1);
+    setenv("BUNDLE", (root + "/bundle").c_str(), 1);
+    setenv("BUILT_LAUNCHER", KESTREL_LAUNCHER, 1);
     setenv("CALLS", (root + "/calls").c_str(), 1);
     setenv("SCRIPT", "", 1);
     outputOf(R"(cd $ROOT; mkdir -p runtime/bin runtime/lib/server
       cp ')" SAMPLE_JAR R"(' app.jar; cp "$PROJECT/tests/scripted_runtime" kestrel
-      cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release)");
+      cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release
+      echo 'exec "$JDK/java" -XX:TieredStopAtLevel=1 -cp ")" BUNDLER R"(" Bundle "$@"' >bundle
+      chmod +x bundle)");
     std::ofstream(root + "/runtime/lib/libjli.dylib") << universalLibrary;  // which a Mac checks
   }
 
@@ -237,10 +240,11 @@ TEST_F(Bundle, DeletesWhatAKilledProcessHasLeft) {
   const std::string live = root + "/.bundle-" + std::to_string(getpid()) + "-1";
   const std::string abandoned = root + "/.bundle-99999999-1";
   fs::create_directory(live);
-  fs::create_directories(abandoned + "/Kestrel.app");
+  fs::create_directories(abandoned + "/other.app.previous/Contents");
   EXPECT_EQ(runHere("exec $BUNDLE macos out.app kestrel app.jar").ending, exited(0));
   EXPECT_TRUE(fs::exists(live));
   EXPECT_FALSE(fs::exists(abandoned));
+  EXPECT_TRUE(fs::exists(root + "/other.app/Contents")) << "which the killed process had moved";
 }
 
 // With a real JDK. The archive must not change what the application sees: its code source, sealed
@@ -270,8 +274,8 @@ echo 'Sealed: true' >manifest
 "$JDK/javac" --release 17 -d main -cp classes/sealed Main.java
 "$JDK/jar" -c -f jars/sealed.jar -m manifest -C classes/sealed .
 "$JDK/jar" -c -f jars/main.jar --release 17 -C main .
-KESTREL_MODULES=java.prefs KESTREL_MACOS_ARCH=$(uname -m) $BUNDLE bundle out/App.app )" KESTREL_LAUNCHER
-                               " jars");
+KESTREL_MODULES=java.prefs KESTREL_MACOS_ARCH=$(uname -m) $BUNDLE bundle out/App.app \
+  "$BUILT_LAUNCHER" jars)");
   ASSERT_EQ(made.ending, exited(0)) << made;
   EXPECT_EQ(linesWith(made.output, "linking a runtime"),
             "bundle: linking a runtime with modules "

@@ -81,8 +81,9 @@ TEST_F(RealJvm, RunsTheExampleOfTheDocument) {
       R"(rm $LIB/*; cd $ROOT && sed -n '/^```java$/,/^```$/{//!p;}' "$PROJECT/docs/application.md" >NativeLauncher.java &&
     ')" JAVAC R"(' -d $LIB/example.jar NativeLauncher.java)");
   const Process process = launch("exec $LAUNCHER one two");
-  EXPECT_EQ(process.ending, exited(3)) << process;
+  EXPECT_EQ(process.ending, exited(0)) << process;
   EXPECT_THAT(process.output, EndsWith("hello one two\n"));
+  EXPECT_THAT(process.log, EndsWith("\n jvm_exit JVM: exit( 0 )\n"));
 }
 
 }  // namespace

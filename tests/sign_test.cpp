@@ -11,7 +11,7 @@ struct Sign : BundleFixture {
       echo 'cat "$2"' >tools/unzip
       cd An*/Contents
       rm MacOS/kestrel jre/Contents/Home/lib/libjli.dylib
-      touch MacOS/kestrel 'MacOS/a helper' lib/1.jnilib
+      touch MacOS/kestrel 'MacOS/a helper' MacOS/1.so lib/1.jnilib
       printf 'B.class\nnative/lib it.dylib\n' >'lib/an app.jar'
       cd jre/Contents; mkdir Home/bin
       touch Info.plist Home/bin/java Home/release 'Home/lib/lib 2.dylib'
@@ -27,7 +27,7 @@ struct Sign : BundleFixture {
 
 TEST_F(Sign, SignsFromTheInsideOut) {
   const std::string expected = R"(not signed: native/lib it.dylib in Contents/lib/an app.jar
-codesign|<signature>|Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/lib/1.jnilib
+codesign|<signature>|Contents/jre/Contents/Home/lib/lib 2.dylib|Contents/lib/1.jnilib|Contents/MacOS/1.so
 codesign|<signature>|--entitlements|<project>/macos/entitlements.plist|Contents/jre/Contents/Home/bin/java|Contents/MacOS/a helper
 codesign|<signature>|Contents/jre
 codesign|<signature>|--entitlements|<project>/macos/entitlements.plist|<root>/An App.app
