@@ -242,9 +242,9 @@ public final class Bundle {
     return runtime;
   }
 
-  /** The value of an environment variable; one that is empty counts as unset. */
+  /** The value of an environment variable; one that is blank counts as unset. */
   private static Optional<String> environment(String name) {
-    return Optional.ofNullable(System.getenv(name)).filter(value -> !value.isEmpty());
+    return Optional.ofNullable(System.getenv(name)).filter(value -> !value.isBlank());
   }
 
   private static String firstGroup(Pattern pattern, String text, String errorIfMissing) {
@@ -856,7 +856,6 @@ public final class Bundle {
    */
   private static final class WorkFolder implements Closeable {
     private static final Pattern NAME = Pattern.compile("\\.bundle-([0-9]{1,10})-.*");
-
     private static final String PREVIOUS = ".previous";
 
     private final Path target;
