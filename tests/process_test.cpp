@@ -202,7 +202,7 @@ TEST_F(Launcher, PassesTheDocumentedOptions) {
         "\n startJVM JVM Args: " + options +
         "\n startJVM Starting JVM"
         "\n> NORVALED_DEBUG_PORT=" +
-        expected.inheritedPort + "\n> CreateJavaVM in its own session" + options +
+        expected.inheritedPort + "\n> CreateJavaVM" + options +
         "\n startJVM Java Virtual Machine is created!\n";
     EXPECT_EQ(process.log.substr(0, process.log.find(" operator() JVM calling main")),
               untilCreated);
@@ -268,12 +268,32 @@ TEST_F(Launcher, MakesLogDirectoriesForTheOwnerAlone) {
   EXPECT_EQ(fs::status(root + "/new/deep").permissions(), fs::perms::owner_all);
 }
 
+TEST_F(Launcher, CreatesAStrictJvm10InItsOwnSession) {
+  EXPECT_EQ(linesWith(launch("SCRIPT_inspect=1 exec $LAUNCHER").log,
+                      "^> (version|ignoreUnrecognized|session|options)"),
+            R"(> version a0000
+> ignoreUnrecognized 0
+> session leader 1
+> options with extraInfo vfprintf exit abort
+)");
+}
+
 TEST_F(Launcher, ReadsOnlyVariablesThatTheReadmeNames) {
   EXPECT_EQ(outputOf(R"sh(cd "$PROJECT"
       cat launcher/*.cpp java_entry/*.cpp jvm/*.cpp logging/*.cpp platform/*.cpp |
         sed -n 's/.*getenv("\([A-Z_]*\)").*/\1/p' >$ROOT/variables
       grep -q TMPDIR $ROOT/variables || echo 'no variables found'
       while read -r name; do grep -q "\`$name\`" README.md || echo "$name"; done <$ROOT/variables)sh"),
+            "");
+}
+
+TEST_F(Launcher, ExitsOnlyWithStatusesThatTroubleshootingNames) {
+  EXPECT_EQ(outputOf(R"sh(cd "$PROJECT"
+      sed -n '/^enum Failure/,/}/s/.* = \([0-9]*\),/\1/p' java_entry/KestrelJVMApp.cpp >$ROOT/statuses
+      grep -q 103 $ROOT/statuses || echo 'no statuses found'
+      while read -r status; do
+        grep -q "^- Status: .*$status" docs/troubleshooting.md || echo "$status"
+      done <$ROOT/statuses)sh"),
             "");
 }
 

@@ -6,11 +6,13 @@
 //   SCRIPT_call=throws              main throws an exception
 //   SCRIPT_NAME=missing or throws   the class or method NAME is not found; "throws" leaves an
 //                                   exception pending
+//   SCRIPT_inspect                  if set, more about the JVM's creation is written
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -95,6 +97,17 @@ jint attach(JavaVM*, void** env, void*) {
   return scriptedCode("attach");
 }
 
+void inspect(const JavaVMInitArgs& init) {
+  std::ostringstream facts;
+  facts << "version " << std::hex << init.version << "\n> ignoreUnrecognized "
+        << int{init.ignoreUnrecognized} << "\n> session leader " << (getsid(0) == getpid())
+        << "\n> options with extraInfo";
+  for (int i = 0; i < init.nOptions; ++i) {
+    if (init.options[i].extraInfo != nullptr) facts << " " << init.options[i].optionString;
+  }
+  note(facts.str());
+}
+
 }  // namespace
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
@@ -102,12 +115,11 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, 
   const char* port = std::getenv("NORVALED_DEBUG_PORT");
   note(std::string("NORVALED_DEBUG_PORT=") + (port != nullptr ? port : ""));
   std::string call = "CreateJavaVM";
-  if (getsid(0) == getpid()) call += " in its own session";
   for (int i = 0; i < init.nOptions; ++i) {
     call += std::string("\n\t") + init.options[i].optionString;
   }
   note(call + "\n\t");
-  if (init.version != JNI_VERSION_10 || init.ignoreUnrecognized != JNI_FALSE) return JNI_EVERSION;
+  if (!script("inspect").empty()) inspect(init);
   static JNIInvokeInterface_ functions{};
   functions.AttachCurrentThread = attach;
   static JavaVM machine{&functions};
