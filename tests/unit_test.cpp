@@ -18,7 +18,7 @@ va_list noArguments{};
 
 #include "logging/Logging.cpp"
 // Replaced by macros, not at link time: the sanitizers define malloc and free and call sysconf
-// before they are ready for other code, and on a Mac the other functions are in shared libraries.
+// before they are ready for other code.
 #define sysconf(name) ((name) == _SC_PAGESIZE ? pageSize : -1)
 #define free(block) (++freed, free(block))
 #include "jvm/JVMOptions.cpp"
