@@ -45,6 +45,15 @@ inline std::string linesWith(const std::string& text, const std::string& express
   return found;
 }
 
+// For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
+// EXPECT_EQ would also print both texts as a whole. The difference is GoogleTest's own.
+inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
+  if (actual == expected) return testing::AssertionSuccess();
+  return testing::AssertionFailure()
+         << "the texts differ (- expected, + actual):\n"
+         << testing::internal::edit_distance::CreateUnifiedDiff(linesOf(expected), linesOf(actual));
+}
+
 inline std::string exited(int status) { return "exited with status " + std::to_string(status); }
 inline std::string killed(int signal) { return std::string("killed: ") + strsignal(signal); }
 

@@ -11,6 +11,12 @@ namespace {
 
 using Launcher = BundleFixture;
 
+// The end of a log, or all of it if main was not called.
+std::string sinceCallingMain(const std::string& log) {
+  const std::size_t begin = log.find(" operator() JVM calling main");
+  return begin == std::string::npos ? log : log.substr(begin);
+}
+
 TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
   const std::string foundClass = R"( operator() JVM calling main
 > AttachCurrentThread
@@ -89,8 +95,7 @@ TEST_F(Launcher, ExitsAsTheJavaEntryDecides) {
     const Process process = launch(expected.script + " exec $LAUNCHER 'a  b' '' größe");
     ASSERT_EQ(process.ending, exited(expected.status)) << process;
     EXPECT_THAT(process.log, StartsWith(" run Program arguments:  a  b  größe \n"));
-    EXPECT_THAT(process.log,
-                EndsWith("\n startJVM Java Virtual Machine is created!\n" + expected.log));
+    EXPECT_TRUE(isSameText(sinceCallingMain(process.log), expected.log));
     EXPECT_EQ(whatHappened(), std::to_string(expected.status) + " " + expected.whatHappened);
   }
 }
@@ -204,8 +209,8 @@ TEST_F(Launcher, PassesTheDocumentedOptions) {
         "\n> NORVALED_DEBUG_PORT=" +
         expected.inheritedPort + "\n> CreateJavaVM" + options +
         "\n startJVM Java Virtual Machine is created!\n";
-    EXPECT_EQ(process.log.substr(0, process.log.find(" operator() JVM calling main")),
-              untilCreated);
+    const std::size_t callingMain = process.log.find(" operator() JVM calling main");
+    ASSERT_TRUE(isSameText(process.log.substr(0, callingMain), untilCreated));
   }
 }
 
