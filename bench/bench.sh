@@ -42,8 +42,14 @@ prepare() {
 # one instruction per byte, other copies as one per 32 bytes. The tunable makes the C library never use
 # it, so runs are comparable.
 instructions() {
-  (GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000 valgrind --tool=callgrind \
-    --callgrind-out-file=/dev/null "$@" 2>&1 || true) | sed -n 's/.*Collected : //p'
+  local count
+  count=$( (GLIBC_TUNABLES=glibc.cpu.x86_rep_movsb_threshold=1000000000 valgrind --tool=callgrind \
+    --callgrind-out-file=/dev/null "$@" 2>&1 || true) | sed -n 's/.*Collected : //p')
+  if [[ -z $count ]]; then
+    echo "bench: valgrind counted nothing for $1" >&2
+    exit 1
+  fi
+  echo "$count"
 }
 
 # system_calls COMMAND...: prints how many system calls it makes.

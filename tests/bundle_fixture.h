@@ -62,7 +62,7 @@ struct Process {
   pid_t pid = 0;
   std::string ending;  // exited(STATUS) or killed(SIGNAL)
   std::string output;  // standard output and standard error
-  std::string log;     // the log of this launch alone
+  std::string log;  // of this launch alone; with the calls to the scripted JVM between the records
 
   // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
   friend std::ostream& operator<<(std::ostream& stream, const Process& process) {
@@ -87,8 +87,8 @@ class BundleFixture : public testing::Test {
     setenv("LAUNCHER", (bin + "/kestrel").c_str(), 1);
     setenv("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.c_str(), 1);
     setenv("LOG", log.c_str(), 1);
-    setenv("SCRIPT_CALLS", log.c_str(), 1);
-    setenv("MallocNanoZone", "0", 1);  // keeps the address sanitizer quiet on a Mac
+    setenv("SCRIPT_CALLS", log.c_str(), 1);  // so that calls and records are in their true order
+    setenv("MallocNanoZone", "0", 1);        // keeps the address sanitizer quiet on a Mac
 
     for (const std::string& folder : {bin, lib, runtime, logs}) {
       std::filesystem::create_directories(folder);
@@ -128,9 +128,9 @@ class BundleFixture : public testing::Test {
     return process;
   }
 
-  // The output of a script that has to succeed.
+  // The output of a script, each command of which has to succeed.
   std::string outputOf(const std::string& script) const {
-    const Process process = run(script);
+    const Process process = run("set -e; " + script);
     EXPECT_EQ(process.ending, exited(0)) << script << "\n" << process;
     return process.output;
   }
@@ -138,6 +138,7 @@ class BundleFixture : public testing::Test {
   // What tools/log shows of the last launch: status and outcome, such as "0 main returned 0".
   std::string whatHappened() const {
     const std::string overview = outputOf("exec \"$PROJECT/tools/log\" $LOG");
+    // Time, process ID, version, status, outcome; arguments, if any, after two blanks.
     const std::regex columns(".{19} +[0-9]+ +[^ ]+ +([^ ]+) +(.+?)(  .*)?\n");
     return std::regex_replace(linesWith(overview, "^[0-9]{4}-"), columns, "$1 $2");
   }

@@ -20,7 +20,9 @@ std::string bytesOf(const std::vector<unsigned>& words, Order order) {
   return bytes;
 }
 
-// Heads of Mach-O files.
+// Heads of Mach-O files: magic, processor, its subtype, type of file. A universal file has in big
+// endian its magic and the number of its parts; for each part processor, subtype, offset, size and
+// alignment; then the parts.
 constexpr unsigned INTEL = 0x01000007, ARM = 0x0100000C, PROGRAM = 2, LIBRARY = 6;
 const std::string intelLibrary = bytesOf({0xFEEDFACF, INTEL, 3, LIBRARY}, littleEndian);
 const std::string armLibrary = bytesOf({0xFEEDFACF, ARM, 0, LIBRARY}, littleEndian);
@@ -42,7 +44,6 @@ struct Bundle : BundleFixture {
       cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release
       echo 'exec "$JDK/java" -XX:TieredStopAtLevel=1 -cp ")" BUNDLER R"(" Bundle "$@"' >bundle
       chmod +x bundle)");
-    std::ofstream(root + "/runtime/lib/libjli.dylib") << universalLibrary;  // which a Mac checks
   }
 
   // Runs a script in $ROOT. In its output, <root> stands for $ROOT and <work> for the folder in
@@ -58,7 +59,8 @@ struct Bundle : BundleFixture {
     return std::regex_replace(replaced(text, root, "<root>"), workFolder, "<work>");
   }
 
-  // Makes out.app with the scripted runtime, in place of an earlier bundle.
+  // Makes out.app with the scripted runtime, in place of an earlier bundle. The environment, and
+  // any commands before it, are for the process that becomes the maker.
   Process makeBundle(const std::string& environment) const {
     fs::create_directories(root + "/out.app/Contents/earlier");
     return runHere(environment +
@@ -102,7 +104,8 @@ TEST_F(Bundle, RejectsWrongInput) {
 TEST_F(Bundle, AcceptsOnlyAMacRuntimeForTheProcessor) {
   const std::string program = bytesOf({0xFEEDFACF, INTEL, 3, PROGRAM}, littleEndian);
   const std::string armTable = bytesOf({0xCAFEBABE, 1, ARM, 0, 28, 16, 0}, bigEndian);
-  const std::string javaClass = bytesOf({0xCAFEBABE, 65, INTEL, 3, 28, 16, 0}, bigEndian);
+  const std::string javaClass =
+      bytesOf({0xCAFEBABE, 65, INTEL, 3, 28, 16, 0}, bigEndian);  // Java 21
   struct Case {
     std::string name, library, processor;
     bool isAccepted;
@@ -131,8 +134,8 @@ TEST_F(Bundle, IsCompleteAndReadableForAll) {
       touch App.app/Contents/Info.plist App.app/Contents/Resources/app.icns
       touch items/a.dylib items/b.so items/notes.txt items/.DS_Store items/._a.dylib
       mkdir -p mac/Contents/Home/lib/x.dSYM; cd mac/Contents/Home/lib; touch x.dSYM/y
-      mv $ROOT/runtime/lib/libjli.dylib .; ln -s libjli.dylib link
-      ln -s $ROOT/runtime/release certificates)");
+      ln -s libjli.dylib link; ln -s $ROOT/runtime/release certificates)");
+  std::ofstream(root + "/mac/Contents/Home/lib/libjli.dylib") << universalLibrary;
   const std::string make =
       "umask 077; KESTREL_MACOS_RUNTIME=mac exec $BUNDLE macos out.app "
       "App.app/Contents/MacOS/kestrel items";
@@ -238,7 +241,7 @@ TEST_F(Bundle, EndsAnApplicationThatRunsOn) {
 
 TEST_F(Bundle, DeletesWhatAKilledProcessHasLeft) {
   const std::string live = root + "/.bundle-" + std::to_string(getpid()) + "-1";
-  const std::string abandoned = root + "/.bundle-99999999-1";
+  const std::string abandoned = root + "/.bundle-99999999-1";  // no process has such an ID
   fs::create_directory(live);
   fs::create_directories(abandoned + "/other.app.previous/Contents");
   EXPECT_EQ(runHere("exec $BUNDLE macos out.app kestrel app.jar").ending, exited(0));
@@ -274,8 +277,7 @@ echo 'Sealed: true' >manifest
 "$JDK/javac" --release 17 -d main -cp classes/sealed Main.java
 "$JDK/jar" -c -f jars/sealed.jar -m manifest -C classes/sealed .
 "$JDK/jar" -c -f jars/main.jar --release 17 -C main .
-KESTREL_MODULES=java.prefs KESTREL_MACOS_ARCH=$(uname -m) $BUNDLE bundle out/App.app \
-  "$BUILT_LAUNCHER" jars)");
+KESTREL_MODULES=java.prefs $BUNDLE bundle out/App.app "$BUILT_LAUNCHER" jars)");
   ASSERT_EQ(made.ending, exited(0)) << made;
   EXPECT_EQ(linesWith(made.output, "linking a runtime"),
             "bundle: linking a runtime with modules "
@@ -297,7 +299,8 @@ old code, sealed: true
 file:<root>/moved%20here/App.app/Contents/lib/sealed.jar
 new code, sealed: true
 )");
-  EXPECT_EQ(runHere("exec moved*/App.app/Contents/MacOS/kestrel").ending, exited(104));
+  EXPECT_EQ(runHere("exec moved*/App.app/Contents/MacOS/kestrel").ending, exited(104))
+      << "by a relative path the JVM finds no classes, as without an archive";
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ public final class Bundle {
     } finally {
       finished.complete(null);
     }
-    System.exit(status); // has no effect if a signal is ending this JVM already
+    System.exit(status); // does not return; if a signal is ending this JVM, that sets the status
   }
 
   /** Returns the exit status. */
@@ -141,7 +141,7 @@ public final class Bundle {
       }
       JavaRuntime.addLauncherLibrary(bundle);
 
-      int version = JavaRuntime.version(bundle);
+      int version = JavaRuntime.version(bundle.runtimeHome());
       ClassArchive archive = new ClassArchive(work, version, applicationArguments);
       archive.findOptions(bundle);
       archive.recordClasses(bundle, recordingLimit);
@@ -225,11 +225,14 @@ public final class Bundle {
     return Duration.ofSeconds(Long.parseLong(seconds));
   }
 
-  private static Optional<Path> givenRuntime() {
+  private static Optional<Path> givenRuntime() throws IOException {
     Optional<Path> runtime = environment("KESTREL_RUNTIME").map(Bundle::absolutePath);
-    if (runtime.isPresent()
-        && !Files.isExecutable(JavaRuntime.homeIn(runtime.get()).resolve("bin/java"))) {
-      throw new UserError("KESTREL_RUNTIME=" + runtime.get() + " is not a Java runtime");
+    if (runtime.isPresent()) {
+      Path home = JavaRuntime.homeIn(runtime.get());
+      if (!Files.isExecutable(home.resolve("bin/java"))) {
+        throw new UserError("KESTREL_RUNTIME=" + runtime.get() + " is not a Java runtime");
+      }
+      JavaRuntime.version(home); // which must be known
     }
     return runtime;
   }
@@ -391,13 +394,12 @@ public final class Bundle {
 
   /** The Java runtime in a bundle: linked for it, or copied into it. */
   private static final class JavaRuntime {
-    private static final String TOOLS = System.getProperty("java.home") + "/bin/";
+    private static final String JDK_BIN = System.getProperty("java.home") + "/bin/";
     private static final String FAST_START = "-J-XX:TieredStopAtLevel=1"; // halves a tool's time
     private static final Pattern VERSION = Pattern.compile("JAVA_VERSION=\"([0-9]+)");
     private static final Pattern MODULE_LIST = Pattern.compile("[A-Za-z0-9_.,]+");
 
-    static int version(Layout bundle) throws IOException {
-      Path home = bundle.runtimeHome();
+    static int version(Path home) throws IOException {
       String release = FileTrees.read(home.resolve("release"));
       String error = home + " is not a Java runtime: its file `release` names no version";
       return Integer.parseInt(firstGroup(VERSION, release, error));
@@ -443,7 +445,7 @@ public final class Bundle {
       String names = String.join(",", modules);
       say("linking a runtime with modules " + names);
       Files.createDirectories(bundle.runtimeHome().getParent());
-      ChildProcess jlink = new ChildProcess(work, TOOLS + "jlink", FAST_START,
+      ChildProcess jlink = new ChildProcess(work, JDK_BIN + "jlink", FAST_START,
           "--add-modules", names, "--no-header-files", "--no-man-pages",
           "--exclude-files=**.debuginfo,**.diz", "--output", bundle.runtimeHome().toString());
       if (jlink.run() != SUCCESS) {
@@ -462,7 +464,7 @@ public final class Bundle {
         copyWithoutModuleDescriptors(jar, plain);
         names.add(plain.toString());
       }
-      ChildProcess jdeps = new ChildProcess(work, TOOLS + "jdeps", FAST_START, "-q",
+      ChildProcess jdeps = new ChildProcess(work, JDK_BIN + "jdeps", FAST_START, "-q",
           "--ignore-missing-deps", "--print-module-deps", "--multi-release",
           Integer.toString(Runtime.version().feature()));
       jdeps.addArguments(List.of("--class-path", String.join(File.pathSeparator, names)));
@@ -576,9 +578,10 @@ public final class Bundle {
     private final int version;
     private final String logArchiveUse;
     private boolean linksClasses;
-    // findOptions() sets these.
-    private List<String> options; // that the launcher passes
-    private String fileName; // of the archive, in the folder of the JVM's library
+    // findOptions(), which comes first, sets what the launcher passes to the JVM and what the JVM
+    // calls its archive.
+    private List<String> options;
+    private String fileName;
 
     ClassArchive(WorkFolder work, int version, List<String> arguments) {
       this.work = work;
@@ -617,9 +620,9 @@ public final class Bundle {
       ChildProcess java = java(bundle);
       java.addArguments(options);
       java.addArguments(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classList(),
-          // The launcher's -Xss does not apply to its main thread, but it does under java.
+          // Under java the -Xss of the options would also apply to main's thread: too little there.
           "-Xss8m", ENTRY_CLASS));
-      java.addArguments(List.of(bundle.launcher().toString())); // as the launcher does
+      java.addArguments(List.of(bundle.launcher().toString())); // also args[0] there
       java.addArguments(arguments);
       int status = java.run(limit);
       if (CANNOT_START.matcher(java.output()).find()) {
@@ -709,7 +712,10 @@ public final class Bundle {
     }
   }
 
-  /** A program that runs to its end, to the application's main, or until its time is over. */
+  /**
+   * A program that runs to its end, to the application's main, or until its time is over. Its
+   * output and log can be read until the next program runs.
+   */
   private static final class ChildProcess {
     static final int TERMINATED = 143; // the exit status after SIGTERM
     private static final Duration UNLIMITED = Duration.ofDays(365); // in effect
@@ -824,7 +830,8 @@ public final class Bundle {
 
     /** The last line that names an error, or else the last line, of the log and the output. */
     String lastError() throws IOException {
-      // Of the log only what the JVM and the dynamic loader said is of use.
+      // Of the log only what the JVM and the dynamic loader said is of use. Without their heads,
+      // these records are no noise.
       String messages =
           log().replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "") + output();
       String last = "no error message";
@@ -852,7 +859,7 @@ public final class Bundle {
   /**
    * A folder beside the target in which a bundle is made, so that putting it in place is a rename.
    * Closing it deletes the folder and, unless keepBundle() was called, restores the target. If this
-   * process is killed, the next one does that.
+   * process is killed, the next one deletes the folder and restores an earlier bundle.
    */
   private static final class WorkFolder implements Closeable {
     private static final Pattern NAME = Pattern.compile("\\.bundle-([0-9]{1,10})-.*");
@@ -916,7 +923,7 @@ public final class Bundle {
     void keepBundle() throws IOException {
       isKept = true;
       if (Files.exists(previous())) {
-        Files.move(previous(), path("replaced")); // no longer to be restored
+        Files.move(previous(), path("replaced")); // without the suffix, nobody restores it
       }
     }
 
@@ -930,7 +937,7 @@ public final class Bundle {
     }
   }
 
-  /** Operations on files and on folders with all that they contain. */
+  /** Reads, copies and deletes files, and folders with all that they contain. */
   private static final class FileTrees {
     // What only a debugger of the JVM itself reads.
     private static final Pattern DEBUG_FILE = Pattern.compile(".*\\.(debuginfo|diz|dSYM)");

@@ -10,17 +10,19 @@ jdk_version() {
 
 # Prints the home of the newest JDK in the usual places, or nothing.
 newest_jdk() {
-  local home rank best=0 newest=
+  local home version rank best=0 newest=
   for home in /usr/lib/jvm/* \
     /Library/Java/JavaVirtualMachines/*/Contents/Home \
     "${HOME:-}"/Library/Java/JavaVirtualMachines/*/Contents/Home \
     /opt/homebrew/opt/openjdk*/libexec/openjdk.jdk/Contents/Home \
     /usr/local/opt/openjdk*/libexec/openjdk.jdk/Contents/Home; do
-    rank=$(jdk_version "$home")
-    if [[ -z $rank ]]; then continue; fi
+    version=$(jdk_version "$home")
+    if [[ -z $version ]]; then continue; fi
     # An early-access build has a word after its version. It ranks below every release.
-    if ! grep -qE '^JAVA_RUNTIME_VERSION="[0-9.]+-' "$home/release"; then
-      rank=$((rank + 1000))
+    if grep -qE '^JAVA_RUNTIME_VERSION="[0-9.]+-' "$home/release"; then
+      rank=$version
+    else
+      rank=$((version + 1000))
     fi
     if ((rank > best)); then
       best=$rank
@@ -30,7 +32,7 @@ newest_jdk() {
   echo "$newest"
 }
 
-# is_there THING: whether a command, a file (an absolute path), `jdk` or `googletest` is installed.
+# is_there THING: whether a command, `jdk` or `googletest` is installed.
 is_there() {
   case $1 in
     jdk) [[ -n ${JAVA_HOME:-$(newest_jdk)} ]] ;; # require_jdk checks a JAVA_HOME that is set
@@ -38,7 +40,6 @@ is_there() {
       [[ -e /usr/include/gmock/gmock.h || -e /usr/local/include/gmock/gmock.h ||
         -e /opt/homebrew/include/gmock/gmock.h ]]
       ;;
-    /*) [[ -e $1 ]] ;;
     *) command -v "$1" >/dev/null ;;
   esac
 }
