@@ -15,8 +15,8 @@ section() { printf '\n## %s\n\n' "$1"; }
 measure() { "$build/bench/measure" "$@"; }
 launcher() { echo "$work/$1.app/Contents/MacOS/kestrel"; }
 
-# bundle NAME: makes a bundle without a runtime. Sets `home` to where its runtime belongs.
-bundle() {
+# bundle_without_runtime NAME: sets `home` to where the bundle's runtime belongs.
+bundle_without_runtime() {
   local contents=$work/$1.app/Contents
   home=$contents/jre/Contents/Home
   mkdir -p "$contents/MacOS" "$contents/lib" "${home%/*}"
@@ -24,16 +24,16 @@ bundle() {
   cp -p "$sample" "$contents/lib"
 }
 
-# link NAME JLINK-OPTION...: makes a bundle with a plain jlink runtime.
-link() {
-  bundle "$1"
+# bundle_with_jlink NAME JLINK-OPTION...: makes a bundle with a plain jlink runtime.
+bundle_with_jlink() {
+  bundle_without_runtime "$1"
   "$JAVA_HOME/bin/jlink" --add-modules java.base,java.desktop,jdk.jdwp.agent --strip-debug \
     --no-header-files --no-man-pages --output "$home" "${@:2}" >/dev/null
   ln -s server/libjvm.so "$home/lib/libjli.dylib"
 }
 
-# prepare NAME JAR... [-- ARG...]: makes a bundle as ./dev bundle does.
-prepare() {
+# prepared_bundle NAME JAR... [-- ARG...]: makes a bundle as ./dev bundle does.
+prepared_bundle() {
   "$JAVA_HOME/bin/java" "$here/../tools/Bundle.java" bundle "$work/$1.app" "$build/kestrel" \
     "${@:2}" >&2
 }
@@ -71,7 +71,7 @@ per_jar() {
 }
 
 # A bundle whose runtime library refuses at once.
-bundle refused
+bundle_without_runtime refused
 mkdir -p "$home/lib"
 ln -s "$build/bench/librefusing_jvm.so" "$home/lib/libjli.dylib"
 bare=("$build/bench/bare" "$home/lib/libjli.dylib")
@@ -86,7 +86,7 @@ echo "launcher: $own instructions, $(system_calls "$refused") system calls"
 echo "an argument: $(per_argument 200) instructions with 200, $(per_argument 20000) with 20,000"
 echo "a jar: $(per_jar 100) instructions with 100, $(per_jar 100000) with 100,000"
 
-bundle jdk
+bundle_without_runtime jdk
 ln -s "$build/jre/Contents/Home" "$home"
 # The options that the launcher passes to the JVM, from the log of a launch. The log lists them one per
 # line after a tab, up to a line with a tab alone; the hooks in the list do not begin with "-".
@@ -104,9 +104,9 @@ measure "$rounds" 0 \
   -- launcher "$(launcher jdk)" hello \
   -- java "$JAVA_HOME/bin/java" "${options[@]}" "$entry" hello
 
-link plain
-link archive --generate-cds-archive
-prepare prepared "$sample" -- hello
+bundle_with_jlink plain
+bundle_with_jlink archive --generate-cds-archive
+prepared_bundle prepared "$sample" -- hello
 
 section "A launch with each kind of runtime"
 measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
@@ -119,7 +119,7 @@ demo=(/usr/lib/jvm/*/demo/jfc/SwingSet2/SwingSet2.jar)
 if [[ -f ${demo[0]} && -n ${DISPLAY:-} ]]; then
   "$JAVA_HOME/bin/javac" -d "$work/classes" "$here/NativeLauncher.java"
   "$JAVA_HOME/bin/jar" --create --file "$work/start.jar" -C "$work/classes" .
-  prepare swing "$work/start.jar" "${demo[0]}"
+  prepared_bundle swing "$work/start.jar" "${demo[0]}"
   section "SwingSet2 to its window"
   measure $((rounds / 4 + 1)) 0 prepared "$(launcher swing)" \
     -- "without its archive" /usr/bin/env NORVALED_JVM_ARGS=-Xshare:off "$(launcher swing)"
