@@ -111,7 +111,7 @@ void inspect(const JavaVMInitArgs& init) {
 }  // namespace
 
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
-  const auto& init = *static_cast<const JavaVMInitArgs*>(arguments);
+  const auto& init = *static_cast<JavaVMInitArgs*>(arguments);
   const char* port = std::getenv("NORVALED_DEBUG_PORT");
   note(std::string("NORVALED_DEBUG_PORT=") + (port != nullptr ? port : ""));
   std::string call = "CreateJavaVM";
