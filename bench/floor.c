@@ -30,7 +30,7 @@ static JNIEnv* createJvm(const struct Launch* launch) {
 }
 
 static void* run(void* parameter) {
-  const struct Launch* launch = parameter;
+  struct Launch* launch = parameter;
   JNIEnv* env = createJvm(launch);
 
   jclass entry = (*env)->FindClass(env, launch->arguments[0]);

@@ -62,7 +62,7 @@ struct Process {
   pid_t pid = 0;
   std::string ending;  // exited(STATUS) or killed(SIGNAL)
   std::string output;  // standard output and standard error
-  std::string log;  // of this launch alone; with the calls to the scripted JVM between the records
+  std::string log;     // set by launch(): its records, and between them calls to the scripted JVM
 
   // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
   friend std::ostream& operator<<(std::ostream& stream, const Process& process) {

@@ -59,11 +59,12 @@ struct Bundle : BundleFixture {
     return std::regex_replace(replaced(text, root, "<root>"), workFolder, "<work>");
   }
 
-  // Makes out.app with the scripted runtime, in place of an earlier bundle. The environment, and
-  // any commands before it, are for the process that becomes the maker.
-  Process makeBundle(const std::string& environment) const {
+  // Makes out.app with the scripted runtime, in place of an earlier bundle. The prefix is shell
+  // text before the command: commands, then variables. The shell becomes the maker, so $$ is its
+  // ID.
+  Process makeBundle(const std::string& prefix) const {
     fs::create_directories(root + "/out.app/Contents/earlier");
-    return runHere(environment +
+    return runHere(prefix +
                    " KESTREL_RUNTIME=runtime exec $BUNDLE bundle out.app kestrel "
                    "app.jar -- 'a b'");
   }
@@ -204,7 +205,8 @@ bundle: the bundle is <root>/out.app
   NORVALED_JVM_ARGS=-Da=b -Xshare:on -Xlog:cds,aot
 )");
   const std::string archive = "/out.app/Contents/jre/Contents/Home/lib/server/application.jsa";
-  EXPECT_EQ(contentOf(root + archive), "java/lang/Object\n") << "the list without its half line";
+  EXPECT_EQ(contentOf(root + archive), "java/lang/Object\n")
+      << "the class list, without the incomplete line at its end";
 }
 
 TEST_F(Bundle, WritesTheArchiveAgainIfLinkedClassesDoNotWork) {
@@ -215,7 +217,8 @@ TEST_F(Bundle, WritesTheArchiveAgainIfLinkedClassesDoNotWork) {
 }
 
 TEST_F(Bundle, RestoresTheEarlierOneAfterAFailure) {
-  std::ofstream(root + "/runtime/release") << "JAVA_VERSION=\"21.0.1\"\n";  // which links nothing
+  std::ofstream(root + "/runtime/release")
+      << "JAVA_VERSION=\"21.0.1\"\n";  // which cannot link, so there is one attempt only
   const Process process = makeBundle("SCRIPT='archive unusable'");
   EXPECT_EQ(process.ending, exited(1));
   EXPECT_EQ(linesWith(process.output, "archive"),
@@ -224,6 +227,7 @@ TEST_F(Bundle, RestoresTheEarlierOneAfterAFailure) {
   expectEarlierBundle();
 }
 
+// In the last launch, a signal ends the maker.
 TEST_F(Bundle, RestoresTheEarlierOneAfterASignal) {
   const Process process = makeBundle(R"(
       (until [ -e waiting ]; do kill -0 $$ && sleep 0.1 || exit; done; kill $$) &

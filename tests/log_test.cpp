@@ -96,6 +96,7 @@ TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
   const std::string ended = "JVM main ended";
   const std::string failed = "Failed to initialize Kestrel JVM application: 300";
   const std::string threw = "Method ' main ' failed with exception!";
+  // Output of the JVM that reads like a record is output.
   EXPECT_EQ(outcomeOf({"Starting JVM", "JVM:  JVM main ended", "JVM:  Cannot load  x"}),
             "- no exit: the JVM was starting");
   EXPECT_EQ(outcomeOf({ended, failed}), "44 main returned 300");
@@ -159,7 +160,7 @@ TEST_F(LogReader, ReadsTheCrashReportBesideTheLog) {
 }
 
 // The beginning of the log is cut off, two processes write in turn, one process ID is used twice,
-// and the JVM writes its lines in pieces. The log was mailed.
+// and the JVM writes its lines in pieces. The log was mailed, so that its lines end with CR LF.
 TEST_F(LogReader, SeparatesLaunches) {
   const std::string text =
       "\tof a record that is cut off\n" + records("5", {"JVM:  words"}) + banner +

@@ -128,7 +128,7 @@ TEST_F(Launcher, ExitsWith53IfTheJvmCannotBeCreated) {
 
 struct OptionsCase {
   std::string environment;
-  // The rows of docs/options.md whose last column says so are not passed.
+  // A regular expression: rows of docs/options.md whose last column matches it are not passed.
   std::string notPassed = "only if";
   std::vector<std::pair<std::string, std::string>> replacements{};
   std::string inheritedPort{};  // what the JVM finds in NORVALED_DEBUG_PORT
@@ -169,7 +169,8 @@ TEST_F(Launcher, PassesTheDocumentedOptions) {
        .replacements = {{"MaxGCPauseMillis=100", "MaxGCPauseMillis="}}},
       {.environment = "KESTREL_AGGRESSIVE_OPTIMIZATIONS=0ff KESTREL_GC_AGGRESSIVE_RECLAIM=0abc "
                       "KESTREL_GC_MAX_PAUSE_MILLIS=abc TMPDIR=$LAUNCHER",  // which is a file
-       .notPassed = "only if|not passed if `KESTREL_(AGGRESSIVE_OPTIMIZATIONS|GC_AGGRESSIVE_REC)",
+       .notPassed =
+           "only if|not passed if `KESTREL_(AGGRESSIVE_OPTIMIZATIONS|GC_AGGRESSIVE_RECLAIM)",
        .replacements = {{"MaxGCPauseMillis=100", "MaxGCPauseMillis=abc"}}},
       {.environment = "KESTREL_GC_FORCE_SERIAL_GC=10 KESTREL_GC_FORCE_PARALLEL_GC=1 "
                       "TMPDIR=$ROOT/link/",
@@ -273,6 +274,7 @@ TEST_F(Launcher, MakesLogDirectoriesForTheOwnerAlone) {
   EXPECT_EQ(fs::status(root + "/new/deep").permissions(), fs::perms::owner_all);
 }
 
+// a0000 is JNI_VERSION_10.
 TEST_F(Launcher, CreatesAStrictJvm10InItsOwnSession) {
   EXPECT_EQ(linesWith(launch("SCRIPT_inspect=1 exec $LAUNCHER").log,
                       "^> (version|ignoreUnrecognized|session|options)"),

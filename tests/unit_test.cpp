@@ -46,7 +46,7 @@ CFRunLoopRunResult runInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean
 #include "jvm/KestrelJVMHost.cpp"
 #include "launcher/KestrelApplication.cpp"
 
-// Overrides the C library's time() in this program.
+// Overrides the C library's time() in this program; noexcept where the system's header says so.
 extern "C" std::time_t time(std::time_t* /*result*/) noexcept(noexcept(time(nullptr))) {
   return clockShows;
 }
@@ -206,7 +206,7 @@ TEST_F(Unit, OptionsAreFreedOnlyAfterTheJvmIsCreated) {
   fs::remove(log);
   unsetenv("SCRIPT_create");
   EXPECT_NE(KestrelJVMHost::startJVM(""), nullptr);
-  const std::string text = logged();  // two lists, each with one tab more than options
+  const std::string text = logged();  // the list twice, each time with one tab more than options
   EXPECT_EQ(freed, std::count(text.begin(), text.end(), '\t') / 2 - 1);
 }
 

@@ -69,7 +69,7 @@ public final class Bundle {
     } finally {
       finished.complete(null);
     }
-    System.exit(status); // does not return; if a signal is ending this JVM, that sets the status
+    System.exit(status); // if a signal is already ending this JVM, the signal sets the status
   }
 
   /** Returns the exit status. */
@@ -173,7 +173,7 @@ public final class Bundle {
     say("the bundle is " + target);
   }
 
-  /** Copies everything into a bundle but the Java runtime. */
+  /** Copies everything but the Java runtime into a bundle. */
   private static void assemble(Layout bundle, Path launcher, ApplicationFiles files)
       throws IOException, InterruptedException {
     if (!Files.isRegularFile(launcher) || !Files.isExecutable(launcher)) {
@@ -564,7 +564,7 @@ public final class Bundle {
    */
   private static final class ClassArchive {
     private static final Duration LAUNCH_LIMIT = Duration.ofSeconds(120);
-    // "... startJVM JVM Args: ", then each option on a line after a tab; the last has only the tab.
+    // "... startJVM JVM Args: ", then each option on a line after a tab; then a tab alone.
     private static final Pattern OPTIONS =
         Pattern.compile("startJVM JVM Args: *\n\t(.*?)\n\t\n", Pattern.DOTALL);
     private static final Pattern ARCHIVE_NAME = Pattern.compile("trying to map .*/([^/\n]*\\.jsa)");
@@ -578,16 +578,15 @@ public final class Bundle {
     private final int version;
     private final String logArchiveUse;
     private boolean linksClasses;
-    // findOptions(), which comes first, sets what the launcher passes to the JVM and what the JVM
-    // calls its archive.
+    // Set by findOptions(), which must be called first.
     private List<String> options;
-    private String fileName;
+    private String archiveName;
 
     ClassArchive(WorkFolder work, int version, List<String> arguments) {
       this.work = work;
       this.version = version;
       this.arguments = arguments;
-      linksClasses = version >= 24; // an older JVM cannot
+      linksClasses = version >= 24; // older JVMs cannot; 28 accepts the option and does not link
       logArchiveUse = version < 24 ? "-Xlog:cds" : "-Xlog:cds,aot";
     }
 
@@ -609,7 +608,7 @@ public final class Bundle {
           options.add(option);
         }
       }
-      fileName = firstGroup(ARCHIVE_NAME, application.log(),
+      archiveName = firstGroup(ARCHIVE_NAME, application.log(),
           "cannot find out where the JVM expects its archive");
     }
 
@@ -622,7 +621,7 @@ public final class Bundle {
       java.addArguments(List.of("-Xshare:off", "-XX:DumpLoadedClassList=" + classList(),
           // Under java the -Xss of the options would also apply to main's thread: too little there.
           "-Xss8m", ENTRY_CLASS));
-      java.addArguments(List.of(bundle.launcher().toString())); // also args[0] there
+      java.addArguments(List.of(bundle.launcher().toString())); // args[0], as from the launcher
       java.addArguments(arguments);
       int status = java.run(limit);
       if (CANNOT_START.matcher(java.output()).find()) {
@@ -659,8 +658,8 @@ public final class Bundle {
       if (!Files.exists(newArchive)) {
         throw new UserError("the JVM writes no archive: " + java.lastError());
       }
-      Files.move(newArchive, file(bundle), StandardCopyOption.REPLACE_EXISTING);
-      FileTrees.makeReadableForAll(file(bundle));
+      Files.move(newArchive, archiveFile(bundle), StandardCopyOption.REPLACE_EXISTING);
+      FileTrees.makeReadableForAll(archiveFile(bundle));
     }
 
     /**
@@ -680,7 +679,7 @@ public final class Bundle {
         throw new UserError("the JVM does not use its archive: " + application.lastError());
       }
       String log = application.log();
-      say("archive in use: " + fileName + ", " + (Files.size(file(bundle)) >> 20) + " MiB"
+      say("archive in use: " + archiveName + ", " + (Files.size(archiveFile(bundle)) >> 20) + " MiB"
           + " (linked classes: " + yesOrNo(log.contains("AOT-linked classes: true"))
           + ", full module graph: " + yesOrNo(log.contains("full module graph: enabled")) + ")");
     }
@@ -699,8 +698,8 @@ public final class Bundle {
       return new ChildProcess(work, bundle.runtimeHome().resolve("bin/java").toString());
     }
 
-    private Path file(Layout bundle) {
-      return bundle.runtimeHome().resolve("lib/server").resolve(fileName);
+    private Path archiveFile(Layout bundle) {
+      return bundle.runtimeHome().resolve("lib/server").resolve(archiveName);
     }
 
     private Path classList() {
@@ -830,8 +829,8 @@ public final class Bundle {
 
     /** The last line that names an error, or else the last line, of the log and the output. */
     String lastError() throws IOException {
-      // Of the log only what the JVM and the dynamic loader said is of use. Without their heads,
-      // these records are no noise.
+      // Of the log only what the JVM and the dynamic loader said is of use. The heads of these
+      // records are cut off, so that isNoise() keeps them.
       String messages =
           log().replaceAll(".*(jvm_vprintf JVM:|resolveJNICreateFunction) ", "") + output();
       String last = "no error message";
@@ -892,7 +891,7 @@ public final class Bundle {
         String name = path.getFileName().toString();
         if (name.endsWith(PREVIOUS)) {
           Path target = parent.resolve(name.substring(0, name.length() - PREVIOUS.length()));
-          FileTrees.delete(target); // an unproven one
+          FileTrees.delete(target); // a bundle that was put in place but not proven
           Files.move(path, target);
         }
       }
@@ -966,7 +965,7 @@ public final class Bundle {
       copyWithin(root, root, target);
     }
 
-    /** Copies what is at {@code path}, inside or at the root of what is copied as a whole. */
+    /** Copies {@code path}, which is {@code root} or inside it. */
     private static void copyWithin(Path root, Path path, Path target)
         throws IOException, InterruptedException {
       stopIfInterrupted();
