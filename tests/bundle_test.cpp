@@ -225,6 +225,11 @@ TEST_F(Bundle, RestoresTheEarlierOneAfterAFailure) {
             "bundle: writing the class archive\n"
             "bundle: the JVM does not use its archive: Error: no use\n");
   expectEarlierBundle();
+
+  fs::remove_all(root + "/out.app");
+  runHere(
+      "SCRIPT='archive unusable' KESTREL_RUNTIME=runtime $BUNDLE bundle out.app kestrel app.jar");
+  EXPECT_FALSE(fs::exists(root + "/out.app")) << "there was no earlier one";
 }
 
 // In the last launch, a signal ends the maker.
