@@ -6,8 +6,9 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$(cd "$1" && pwd)
 rounds=${2:-40}
 work=$build/bench/work
-sample=$build/sample/sample.jar
+sample=$build/bundler/sample.jar
 unset KESTREL_NATIVE_EXECUTABLE_DIR_OVERRIDE NORVALED_DEBUG_PORT NORVALED_JVM_ARGS
+unset JAVA_TOOL_OPTIONS JDK_JAVA_OPTIONS _JAVA_OPTIONS
 export KESTREL_NATIVE_LOG_DIR_OVERRIDE=$work/logs
 rm -rf "$work"
 
@@ -15,27 +16,10 @@ section() { printf '\n## %s\n\n' "$1"; }
 measure() { "$build/bench/measure" "$@"; }
 launcher() { echo "$work/$1.app/Contents/MacOS/kestrel"; }
 
-# bundle_without_runtime NAME: sets `home` to where the bundle's runtime belongs.
-bundle_without_runtime() {
-  local contents=$work/$1.app/Contents
-  home=$contents/jre/Contents/Home
-  mkdir -p "$contents/MacOS" "$contents/lib" "${home%/*}"
-  cp "$build/kestrel" "$contents/MacOS"
-  cp -p "$sample" "$contents/lib"
-}
-
-# bundle_with_jlink NAME JLINK-OPTION...: makes a bundle with a plain jlink runtime.
-bundle_with_jlink() {
-  bundle_without_runtime "$1"
-  "$JAVA_HOME/bin/jlink" --add-modules java.base,java.desktop,jdk.jdwp.agent --strip-debug \
-    --no-header-files --no-man-pages --output "$home" "${@:2}" >/dev/null
-  ln -s server/libjvm.so "$home/lib/libjli.dylib"
-}
-
-# prepared_bundle NAME JAR... [-- ARG...]: makes a bundle as ./dev bundle does.
-prepared_bundle() {
-  "$JAVA_HOME/bin/java" "$here/../tools/Bundle.java" bundle "$work/$1.app" "$build/kestrel" \
-    "${@:2}" >&2
+# bundle COMMAND NAME [OPTION...] ITEM... [-- ARG...]: makes a bundle with the bundler's command.
+bundle() {
+  "$JAVA_HOME/bin/java" -jar "$build/bundler/bundler.jar" "$1" "$build/kestrel" --dest "$work" \
+    --name "$2" --mac-package-identifier bench "${@:3}" >&2
 }
 
 # instructions COMMAND...: prints how many instructions it takes. callgrind counts a "rep movsb" copy as
@@ -71,10 +55,10 @@ per_jar() {
 }
 
 # A bundle whose runtime library refuses at once.
-bundle_without_runtime refused
-mkdir -p "$home/lib"
-ln -s "$build/bench/librefusing_jvm.so" "$home/lib/libjli.dylib"
-bare=("$build/bench/bare" "$home/lib/libjli.dylib")
+mkdir -p "$work/refusing/lib"
+ln -s "$build/bench/librefusing_jvm.so" "$work/refusing/lib/libjli.dylib"
+bundle link refused --runtime-image "$work/refusing" "$sample"
+bare=("$build/bench/floor" "$work/refusing/lib/libjli.dylib")
 refused=$(launcher refused)
 own=$(instructions "$refused")
 
@@ -86,8 +70,7 @@ echo "launcher: $own instructions, $(system_calls "$refused") system calls"
 echo "an argument: $(per_argument 200) instructions with 200, $(per_argument 20000) with 20,000"
 echo "a jar: $(per_jar 100) instructions with 100, $(per_jar 100000) with 100,000"
 
-bundle_without_runtime jdk
-ln -s "$build/jre/Contents/Home" "$home"
+bundle link jdk --runtime-image "$JAVA_HOME" "$sample"
 # The options that the launcher passes to the JVM, from the log of a launch. The log lists them one per
 # line after a tab, up to a line with a tab alone; the hooks in the list do not begin with "-".
 rm "$work/logs/kestrel-native.log"
@@ -100,28 +83,32 @@ entry=$("$JAVA_HOME/bin/jar" --list --file "$sample" | sed -n 's/\.class$//p')
 
 section "A complete launch with a JVM"
 measure "$rounds" 0 \
-  floor "$build/bench/floor" "$home/lib/libjli.dylib" "${options[@]}" "$entry" hello \
+  floor "$build/bench/floor" "$JAVA_HOME/lib/server/libjvm.so" "${options[@]}" "$entry" hello \
   -- launcher "$(launcher jdk)" hello \
   -- java "$JAVA_HOME/bin/java" "${options[@]}" "$entry" hello
 
-bundle_with_jlink plain
-bundle_with_jlink archive --generate-cds-archive
-prepared_bundle prepared "$sample" -- hello
+bundle bundle plain --no-archive "$sample"
+bundle bundle prepared "$sample" -- hello
 
-section "A launch with each kind of runtime"
+section "The launcher with each kind of runtime"
 measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
-  -- "jlink with its archive" "$(launcher archive)" hello \
   -- "full JDK" "$(launcher jdk)" hello \
   -- prepared "$(launcher prepared)" hello
 
-# SwingSet2 comes with Debian's packages of a JDK's demos. It needs a display.
-demo=(/usr/lib/jvm/*/demo/jfc/SwingSet2/SwingSet2.jar)
-if [[ -f ${demo[0]} && -n ${DISPLAY:-} ]]; then
-  "$JAVA_HOME/bin/javac" -d "$work/classes" "$here/NativeLauncher.java"
-  "$JAVA_HOME/bin/jar" --create --file "$work/start.jar" -C "$work/classes" .
-  prepared_bundle swing "$work/start.jar" "${demo[0]}"
-  section "SwingSet2 to its window"
-  measure $((rounds / 4 + 1)) 0 prepared "$(launcher swing)" \
-    -- "without its archive" /usr/bin/env NORVALED_JVM_ARGS=-Xshare:off "$(launcher swing)"
-fi
+# An application with an ordinary main.
+"$JAVA_HOME/bin/javac" -d "$work/classes" "$here/Hello.java"
+mkdir "$work/input"
+hello=$work/input/hello.jar
+"$JAVA_HOME/bin/jar" --create --file "$hello" -C "$work/classes" .
+bundle bundle hello --main-class Hello "$hello" -- world
+bundle bundle linked --main-class Hello --no-archive --keep-java "$hello"
+"$JAVA_HOME/bin/jpackage" --type app-image --dest "$work" --name packaged --input "$work/input" \
+  --main-jar hello.jar --main-class Hello >&2
+
+section "One application, as each tool makes it"
+measure "$rounds" 0 "jlink and java -cp" \
+  "$work/linked.app/Contents/jre/Contents/Home/bin/java" -cp "$hello" Hello world \
+  -- jpackage "$work/packaged/bin/packaged" world \
+  -- "JDK and java -cp" "$JAVA_HOME/bin/java" -cp "$hello" Hello world \
+  -- "./dev bundle" "$(launcher hello)" world
 rm -rf "$work"

@@ -1,6 +1,7 @@
 // floor LIBRARY OPTION... CLASS [ARG...]: the least that a launch with a real JVM takes. On a
 // second thread, loads the JVM library, creates the JVM with the options and calls main of the
 // class, with the name of the class before the arguments.
+// floor LIBRARY: the least that a launcher can do. Only loads the library and calls its function.
 #include <dlfcn.h>
 #include <jni.h>
 #include <pthread.h>
@@ -47,11 +48,14 @@ static void* run(void* parameter) {
 }
 
 int main(int argc, char** argv) {
+  if (argc < 2) return 2;
   int entry = 2;
   while (entry < argc && argv[entry][0] == '-') ++entry;
-  if (entry >= argc) return 2;
-
   struct Launch launch = {argv[1], NULL, entry - 2, argv + entry, argc - entry};
+  if (entry == argc) {
+    createJvm(&launch);
+    return 0;
+  }
   launch.options = calloc(argc, sizeof *launch.options);
   if (launch.options == NULL) return 1;
   for (int i = 0; i < launch.optionCount; ++i) launch.options[i].optionString = argv[2 + i];

@@ -1,7 +1,7 @@
 # Toolchain for the macOS builds; the presets macos-x86_64 and macos-arm64 set KESTREL_MACOS_ARCH. On a
 # Mac it uses the system's own compiler and SDK. Elsewhere it uses zig instead, one package with clang,
 # a Mach-O linker and the sources of a C++ library.
-set(KESTREL_MACOS_MINIMUM 11.0)
+include(${CMAKE_CURRENT_LIST_DIR}/versions.cmake)
 if(NOT KESTREL_MACOS_ARCH MATCHES "^(x86_64|arm64)$")
   message(FATAL_ERROR "KESTREL_MACOS_ARCH must be x86_64 or arm64: "
                       "use the preset macos-x86_64 or macos-arm64")
