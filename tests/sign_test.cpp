@@ -77,4 +77,66 @@ codesign|--verify|--deep|--strict|--verbose=2|<root>/An App.app
   EXPECT_EQ(adHoc.output + adHoc.ending, notSigned + exited(0));
 }
 
+TEST_F(Sign, ReleasesTheStapledBundle) {
+  const Process release =  // Apple has the ticket at the second try
+      runOnMac("release 'An App.app' Me Profile", "xcrun|stapler*",
+               "[ -e $ROOT/asked ] || { touch $ROOT/asked; echo Record not found; exit 65; }");
+  EXPECT_EQ(release.ending, exited(0)) << release;
+  EXPECT_EQ(replaced(linesWith(calls, "^[^c]"), "<root>/A-B & Co-1.2-arm64", "<package>"),
+            R"(xcrun|--find|stapler
+lipo|-archs|<root>/An App.app/Contents/MacOS/kestrel
+PlistBuddy|-c|Print :CFBundleName|<root>/An App.app/Contents/Info.plist
+PlistBuddy|-c|Print :CFBundleShortVersionString|<root>/An App.app/Contents/Info.plist
+ditto|-c|-k|--keepParent|<root>/An App.app|<package>-submitted.zip
+xcrun|notarytool|submit|<package>-submitted.zip|--keychain-profile|Profile|--wait|--output-format|json
+xcrun|stapler|staple|<root>/An App.app
+sleep|30
+xcrun|stapler|staple|<root>/An App.app
+spctl|--assess|--type|execute|--verbose=2|<root>/An App.app
+ditto|-c|-k|--keepParent|<root>/An App.app|<package>.zip
+shasum|-a|256|A-B & Co-1.2-arm64.zip
+)");
+  EXPECT_EQ(contentOf(root + "/A-B & Co-1.2-arm64.zip.sha256"), "sum  A-B & Co-1.2-arm64.zip\n");
+  EXPECT_EQ(outputOf("cd $ROOT; echo A-B*"),
+            "A-B & Co-1.2-arm64.zip A-B & Co-1.2-arm64.zip.sha256\n");
+}
+
+TEST_F(Sign, MakesAnAdHocPackageWithoutApple) {
+  EXPECT_EQ(runOnMac("release 'An App.app' Me").ending, exited(2));  // notarising needs a profile
+  const Process release = runOnMac("release 'An App.app' -");
+  EXPECT_EQ(release.ending, exited(0)) << release;
+  EXPECT_EQ(linesWith(calls, "^(ditto|xcrun|spctl)"),
+            "ditto|-c|-k|--keepParent|<root>/An App.app|<root>/A-B & Co-1.2-arm64-adhoc.zip\n");
+}
+
+TEST_F(Sign, ReleaseEndsAtTheFirstFailure) {
+  const struct {
+    const char *call, *fault, *output;
+  } cases[] = {
+      {"xcrun*find*", "exit 72", "install Xcode"},
+      {"lipo*", "exit 1", "no launcher for Macs"},
+      {"PlistBuddy*Name*", "exit 1", "after CFBundleName"},
+      {"codesign|--force*", "exit 1", "not everything is signed"},
+      {"unzip*", "echo x.jnilib", "an app.jar\nrelease: not everything is signed"},
+      {"codesign|--display*helper", "exit 1", "/a helper\nrelease: these files"},
+      {"codesign|--display*java", "echo TeamIdentifier=X", "/java\nrelease: these files"},
+      {"ditto*submitted.zip", "exit 1", "-submitted.zip is incomplete"},
+      {"xcrun*submit*", R"(echo '"status":"Accepted"'; exit 69)", "store-credentials Profile"},
+      {"xcrun|notarytool*", R"(echo "\"id\":\"7\", \"status\":\"Invalid\"", log $3)",
+       "log 7\nrelease: the notary rejects"},
+      {"xcrun*submit*", R"(echo '"id":"7", "status":"In Progress"')", "no verdict"},
+      {"xcrun|stapler*", "echo Record not found; exit 65", "still has no ticket"},
+      {"xcrun|stapler*", "echo Invalid; exit 65", "Invalid\nrelease: not stapled: check"},
+      {"spctl*", "echo source=Notarized Developer ID; exit 3", "does not accept"},
+      {"spctl*", "echo override=security disabled", "does not accept"},
+      {"ditto*arm64.zip", "exit 1", "arm64.zip is incomplete"},
+      {"shasum*", "exit 1", "sha256 is incomplete"},
+  };
+  for (const auto& [call, fault, output] : cases) {
+    const Process release = runOnMac("release 'An App.app' Me Profile", call, fault);
+    EXPECT_EQ(release.ending, exited(1)) << call << fault;
+    EXPECT_THAT(release.output, testing::HasSubstr(output));
+  }
+}
+
 }  // namespace
