@@ -4,7 +4,6 @@ package com.norvale.app.daemon.entry;
 
 import java.io.FileWriter;
 import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
 import java.util.TreeSet;
 import java.util.concurrent.locks.LockSupport;
@@ -48,8 +47,8 @@ public final class NativeLauncher {
       case "throw" -> throw new IllegalStateException("the sample was asked to throw");
       case "exhaust" -> exhaustHeap();
       case "leave" -> leave();
-      case "signal" -> signalSelf(args[2]);
-      case "write" -> new FileWriter(args[2]).close();
+      case "signal" -> signalSelf(argument(args));
+      case "write" -> new FileWriter(argument(args)).close();
       default -> {}
     }
   }
@@ -58,8 +57,23 @@ public final class NativeLauncher {
     return args.length > 1 ? args[1] : "";
   }
 
+  private static String argument(String[] args) {
+    if (args.length < 3) {
+      fail("the sample needs an argument after " + command(args));
+    }
+    return args[2];
+  }
+
   private static int number(String[] args) {
+    if (!argument(args).matches("-?[0-9]{1,9}")) {
+      fail("the sample needs a number after " + command(args));
+    }
     return Integer.parseInt(args[2]);
+  }
+
+  private static void fail(String message) {
+    System.err.println(message);
+    System.exit(1);
   }
 
   private static void print(String[] args) {
@@ -75,8 +89,8 @@ public final class NativeLauncher {
   }
 
   private static boolean isSetByLauncher(String name) {
-    List<String> prefixes = Arrays.asList("kestrel.", "KESTREL_", "jna.", "plume.", "apple.laf.");
-    List<String> names = Arrays.asList("java.class.path", "java.io.tmpdir", "user.dir");
+    List<String> prefixes = List.of("kestrel.", "KESTREL_", "jna.", "plume.", "apple.laf.");
+    List<String> names = List.of("java.class.path", "java.io.tmpdir", "user.dir");
     return names.contains(name) || prefixes.stream().anyMatch(name::startsWith);
   }
 
@@ -94,7 +108,10 @@ public final class NativeLauncher {
 
   private static void signalSelf(String name) throws Exception {
     setShutdownHook();
-    new ProcessBuilder("kill", "-s", name, "" + ProcessHandle.current().pid()).start();
+    String pid = Long.toString(ProcessHandle.current().pid());
+    if (new ProcessBuilder("kill", "-s", name, pid).inheritIO().start().waitFor() != 0) {
+      fail("the sample cannot send itself the signal " + name);
+    }
     linger("the signal did not end it");
   }
 
