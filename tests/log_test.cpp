@@ -104,8 +104,6 @@ TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
   EXPECT_EQ(outcomeOf({"JVM: exit( -3 )", threw}), "253 System.exit(-3)");
   EXPECT_EQ(outcomeOf({"JVM: exit( 0 )", ended, "JVM started successfully"}), "0 System.exit(0)");
   EXPECT_EQ(outcomeOf({"JVM: exit( 143 )", ended}), "- two exits at once");
-  EXPECT_EQ(outcomeOf({"Unable to open jvm args file:  x y", "Failed to start JVM"}),
-            "53 the options file cannot be read: x y");
 }
 
 TEST_F(LogReader, ShowsTheWordsOfAJvmThatDoesNotStart) {
