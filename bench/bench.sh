@@ -16,8 +16,8 @@ section() { printf '\n## %s\n\n' "$1"; }
 measure() { "$build/bench/measure" "$@"; }
 launcher() { echo "$work/$1.app/Contents/MacOS/kestrel"; }
 
-# bundle COMMAND NAME [OPTION...] ITEM... [-- ARG...]: makes a bundle with the bundler's command.
-bundle() {
+# make COMMAND NAME [OPTION...] ITEM... [-- ARG...]: makes a bundle with the bundler's command.
+make() {
   "$JAVA_HOME/bin/java" -jar "$build/bundler/bundler.jar" "$1" "$build/kestrel" --dest "$work" \
     --name "$2" --mac-package-identifier bench "${@:3}" >&2
 }
@@ -57,7 +57,7 @@ per_jar() {
 # A bundle whose runtime library refuses at once.
 mkdir -p "$work/refusing/lib"
 ln -s "$build/bench/librefusing_jvm.so" "$work/refusing/lib/libjli.dylib"
-bundle link refused --runtime-image "$work/refusing" "$sample"
+make trial refused --runtime-image "$work/refusing" "$sample"
 bare=("$build/bench/floor" "$work/refusing/lib/libjli.dylib")
 refused=$(launcher refused)
 own=$(instructions "$refused")
@@ -65,12 +65,15 @@ own=$(instructions "$refused")
 section "The launcher's own work: the runtime library refuses at once"
 measure $((rounds * 10)) 53 bare "${bare[@]}" -- launcher "$refused"
 echo
-echo "bare: $(instructions "${bare[@]}") instructions, $(system_calls "${bare[@]}") system calls"
+bare_instructions=$(instructions "${bare[@]}")
+echo "bare: $bare_instructions instructions, $(system_calls "${bare[@]}") system calls"
 echo "launcher: $own instructions, $(system_calls "$refused") system calls"
-echo "an argument: $(per_argument 200) instructions with 200, $(per_argument 20000) with 20,000"
-echo "a jar: $(per_jar 100) instructions with 100, $(per_jar 100000) with 100,000"
+few=$(per_argument 200) many=$(per_argument 20000)
+echo "an argument: $few instructions with 200, $many with 20,000"
+few=$(per_jar 100) many=$(per_jar 100000)
+echo "a jar: $few instructions with 100, $many with 100,000"
 
-bundle link jdk --runtime-image "$JAVA_HOME" "$sample"
+make trial jdk --runtime-image "$JAVA_HOME" "$sample"
 # The options that the launcher passes to the JVM, from the log of a launch. The log lists them one per
 # line after a tab, up to a line with a tab alone; the hooks in the list do not begin with "-".
 rm "$work/logs/kestrel-native.log"
@@ -87,8 +90,8 @@ measure "$rounds" 0 \
   -- launcher "$(launcher jdk)" hello \
   -- java "$JAVA_HOME/bin/java" "${options[@]}" "$entry" hello
 
-bundle bundle plain --no-archive "$sample"
-bundle bundle prepared "$sample" -- hello
+make bundle plain --no-archive "$sample"
+make bundle prepared "$sample" -- hello
 
 section "The launcher with each kind of runtime"
 measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
@@ -100,8 +103,8 @@ measure "$rounds" 0 "plain jlink" "$(launcher plain)" hello \
 mkdir "$work/input"
 hello=$work/input/hello.jar
 "$JAVA_HOME/bin/jar" --create --file "$hello" -C "$work/classes" .
-bundle bundle hello --main-class Hello "$hello" -- world
-bundle bundle linked --main-class Hello --no-archive --keep-java "$hello"
+make bundle hello --main-class Hello "$hello" -- world
+make bundle linked --main-class Hello --no-archive --keep-java "$hello"
 "$JAVA_HOME/bin/jpackage" --type app-image --dest "$work" --name packaged --input "$work/input" \
   --main-jar hello.jar --main-class Hello >&2
 

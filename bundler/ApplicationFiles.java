@@ -13,20 +13,17 @@ import java.util.Locale;
 import java.util.Map;
 import java.util.Optional;
 import java.util.Set;
-import java.util.TreeMap;
 import java.util.jar.Attributes;
+import java.util.jar.JarEntry;
 import java.util.jar.JarFile;
-import java.util.jar.Manifest;
 import java.util.regex.Pattern;
-import java.util.stream.Collectors;
 import java.util.zip.ZipEntry;
-import java.util.zip.ZipFile;
 
 /** The application's files, as the command line names them. */
 final class ApplicationFiles {
   /** The name of the jar with the entry class that --main-class adds. */
   static final String ENTRY_JAR = "kestrel-entry.jar";
-  private static final Pattern LIBRARY = Pattern.compile(".*\\.(so|dylib|jnilib)");
+  private static final Pattern LIBRARY = Pattern.compile(".*\\.(so(\\.[0-9]+)*|dylib|jnilib)");
   private static final Pattern ENTRY =
       Pattern.compile("(META-INF/versions/[0-9]+/)?" + EntryClass.FILE);
 
@@ -38,28 +35,21 @@ final class ApplicationFiles {
   final Optional<EntryClass> entry;
   private final List<Path> leftOut = new ArrayList<>(); // of the given folders
 
-  /** @param platform what NativeCode says of a library that fits the bundle */
-  ApplicationFiles(Options options, String platform) throws IOException {
+  /** @param codeName of native code that suits the bundle */
+  ApplicationFiles(Options options, String codeName) throws IOException {
     for (String item : options.items) {
-      Path path = FileTrees.absolute(item);
-      if (Files.isDirectory(path)) {
-        addFolder(path);
-      } else if (!Files.exists(path)) {
-        throw new UserError(path + " does not exist");
-      } else if (!add(path)) {
-        throw new UserError(path + " is neither a jar, nor a native library, nor a folder;"
-            + " --app-content takes other files");
-      }
+      addItem(FileTrees.absolute(item));
     }
     for (String content : options.all("--app-content")) {
-      addContent(FileTrees.absolute(content));
+      addContent(FileTrees.absolute(content).normalize());
     }
     options.path("--icon").ifPresent(resources::add);
+
     for (List<Path> files : List.of(jars, libraries, resources)) {
       checkNames(files);
     }
     for (Path library : libraries) {
-      checkLibrary(library, platform);
+      NativeCode.check(library, codeName);
     }
     Optional<String> mainClass = options.last("--main-class");
     checkEntryClass(mainClass.isPresent());
@@ -67,46 +57,47 @@ final class ApplicationFiles {
         ? Optional.of(EntryClass.calling(mainClass.get(), jars)) : Optional.empty();
   }
 
-  private void addFolder(Path folder) throws IOException {
-    boolean found = false;
-    for (Path file : FileTrees.entries(folder)) {
-      if (FileTrees.isMacMetadata(file)) {
-        continue;
+  private void addItem(Path item) throws IOException {
+    if (!Files.exists(item)) {
+      throw new UserError(item + " does not exist");
+    }
+    if (!Files.isDirectory(item)) {
+      if (!add(item)) {
+        throw new UserError(item + " is neither a jar, nor a native library, nor a folder;"
+            + " --app-content takes other files");
       }
-      if (!Files.isDirectory(file) && add(file)) {
-        found = true;
-      } else {
+      return;
+    }
+    int before = jars.size() + libraries.size();
+    for (Path file : FileTrees.entries(item)) {
+      if (!FileTrees.isMacMetadata(file) && !add(file)) {
         leftOut.add(file);
       }
     }
-    if (!found) {
-      throw new UserError("no jar or native library in " + folder);
+    if (jars.size() + libraries.size() == before) {
+      throw new UserError("no jar or native library in " + item);
     }
   }
 
-  /** Returns false for any other kind of file. */
+  /** Returns false for anything but a jar or a native library. */
   private boolean add(Path file) {
     String name = file.getFileName().toString();
-    if (name.endsWith(".jar")) {
-      jars.add(file);
-    } else if (LIBRARY.matcher(name).matches()) {
-      libraries.add(file);
-    } else {
+    boolean isJar = name.endsWith(".jar");
+    if (!Files.isRegularFile(file) || !(isJar || LIBRARY.matcher(name).matches())) {
       return false;
     }
-    if (!Files.isRegularFile(file)) {
-      throw new UserError(file + " does not exist or is not a file");
-    }
+    (isJar ? jars : libraries).add(file);
     return true;
   }
 
   private void addContent(Path content) throws IOException {
-    if (!Files.exists(content)) {
-      throw new UserError(content + " does not exist");
+    if (!Files.exists(content) || content.getFileName() == null) {
+      throw new UserError("--app-content must be a file or folder: " + content);
     }
-    for (Path file : FileTrees.all(content)) {
-      if (Files.isRegularFile(file) && !NativeCode.in(file).equals(NativeCode.NONE)) {
-        throw new UserError(file + " is native code; name it as an ITEM instead");
+    for (Path file : FileTrees.all(content.toRealPath())) {
+      if (Files.isRegularFile(file) && NativeCode.isIn(file)) {
+        throw new UserError(
+            file + " is native code, which only an ITEM *.so, *.dylib or *.jnilib may contain");
       }
     }
     resources.add(content);
@@ -128,74 +119,81 @@ final class ApplicationFiles {
     }
   }
 
-  private static void checkLibrary(Path library, String platform) throws IOException {
-    String code = NativeCode.in(library);
-    boolean isUniversal = code.equals(NativeCode.UNIVERSAL) && platform.endsWith("for Macs");
-    if (!code.equals(platform) && !isUniversal) {
-      throw new UserError(library + " contains " + code + ", but the bundle needs " + platform);
-    }
-  }
-
-  private void checkEntryClass(boolean isAdded) throws IOException {
+  private void checkEntryClass(boolean isAdded) {
     List<Path> withEntry = new ArrayList<>();
     List<String> mainClasses = new ArrayList<>();
     for (Path jar : jars) {
-      try (ZipFile zip = new ZipFile(jar.toFile())) {
-        if (zip.stream().anyMatch(file -> ENTRY.matcher(file.getName()).matches())) {
+      try (JarFile file = new JarFile(jar.toFile(), false)) {
+        if (file.stream().anyMatch(entry -> ENTRY.matcher(entry.getName()).matches())) {
           withEntry.add(jar);
         }
+        attribute(file, Attributes.Name.MAIN_CLASS).ifPresent(mainClasses::add);
       } catch (IOException e) {
-        throw new UserError(jar + " is not a jar or is truncated: " + e.getMessage());
+        throw new UserError(jar + " is not a jar or is damaged: " + e.getMessage());
       }
-      mainClass(jar).ifPresent(mainClasses::add);
+      if (isAdded && jar.getFileName().toString().equals(ENTRY_JAR)) {
+        throw new UserError(jar + " has the name of the jar that --main-class adds");
+      }
     }
     if (isAdded && !withEntry.isEmpty()) {
       throw new UserError(
           withEntry.get(0) + " contains the entry class, so --main-class does not apply");
     }
     if (!isAdded && withEntry.isEmpty()) {
-      throw new UserError("no jar contains " + EntryClass.FILE + "; name the application's main"
-          + " class with --main-class" + mainClasses.stream().map(name -> " " + name)
-          .collect(Collectors.joining(" or")));
+      throw new UserError("no jar contains " + EntryClass.FILE
+          + "; name the application's main class with --main-class "
+          + String.join(" or ", mainClasses));
     }
     if (withEntry.size() > 1) {
-      throw new UserError("more than one jar contains " + EntryClass.FILE + ": " + withEntry);
+      throw new UserError("more than one jar contains " + EntryClass.FILE + ": "
+          + Output.list(withEntry));
     }
   }
 
-  private static Optional<String> mainClass(Path jar) throws IOException {
-    return attribute(jar, Attributes.Name.MAIN_CLASS);
-  }
-
-  private static Optional<String> attribute(Path jar, Attributes.Name name) throws IOException {
-    try (JarFile file = new JarFile(jar.toFile(), false)) {
-      Manifest manifest = file.getManifest();
-      return Optional.ofNullable(manifest)
-          .map(found -> found.getMainAttributes().getValue(name)).map(String::strip);
-    }
+  private static Optional<String> attribute(JarFile jar, Attributes.Name name)
+      throws IOException {
+    return Optional.ofNullable(jar.getManifest())
+        .map(manifest -> manifest.getMainAttributes().getValue(name)).map(String::strip);
   }
 
   /** Tells the user what may not be as intended. */
   void warn() throws IOException {
     if (!leftOut.isEmpty()) {
-      Output.warn("left out, since they are neither jars nor native libraries: " + leftOut);
+      Output.warn("left out, since they are neither jars nor native libraries: "
+          + Output.list(leftOut));
     }
+    Set<Path> bundled = new HashSet<>();
     for (Path jar : jars) {
-      warnOfClassPath(jar);
+      bundled.add(jar.getFileName());
     }
-    warnOfDifferentClasses();
+    Map<String, ZipEntry> classes = new HashMap<>();
+    Map<String, Path> jarOfClass = new HashMap<>();
+    Set<String> pairs = new HashSet<>();
+    for (Path jar : jars) {
+      try (JarFile file = new JarFile(jar.toFile(), false)) {
+        warnOfClassPath(jar, attribute(file, Attributes.Name.CLASS_PATH).orElse(""), bundled);
+        for (JarEntry entry : Collections.list(file.entries())) {
+          String name = entry.getName();
+          ZipEntry first = classes.putIfAbsent(name, entry);
+          Path firstJar = jarOfClass.putIfAbsent(name, jar);
+          boolean differs = first != null && first.getCrc() != entry.getCrc();
+          if (differs && name.endsWith(".class") && !name.endsWith("module-info.class")
+              && pairs.add(firstJar + " " + jar)) {
+            Output.warn(firstJar.getFileName() + " and " + jar.getFileName() + " contain different"
+                + " classes of one name, such as " + name
+                + "; the order of the class path decides, which is not defined");
+          }
+        }
+      }
+    }
   }
 
-  private void warnOfClassPath(Path jar) throws IOException {
-    Set<Path> bundled = new HashSet<>();
-    for (Path file : jars) {
-      bundled.add(file.toRealPath());
-    }
+  private static void warnOfClassPath(Path jar, String classPath, Set<Path> bundled) {
     List<String> missing = new ArrayList<>();
-    for (String word : attribute(jar, Attributes.Name.CLASS_PATH).orElse("").split("\\s+")) {
-      Path file = fileOf(jar, word);
-      if (!word.isEmpty() && Files.exists(file) && !bundled.contains(file.toRealPath())) {
-        missing.add(word);
+    for (String url : classPath.split("\\s+")) {
+      Path file = fileOf(jar, url);
+      if (!url.isEmpty() && Files.exists(file) && !bundled.contains(file.getFileName())) {
+        missing.add(url);
       }
     }
     if (!missing.isEmpty()) {
@@ -208,31 +206,8 @@ final class ApplicationFiles {
   private static Path fileOf(Path jar, String url) {
     try {
       return Path.of(jar.toUri().resolve(url));
-    } catch (IllegalArgumentException | FileSystemNotFoundException e) {
+    } catch (IllegalArgumentException | FileSystemNotFoundException e) { // no URL of a file
       return jar.resolveSibling("no file");
     }
-  }
-
-  private void warnOfDifferentClasses() throws IOException {
-    Map<String, Long> checksums = new HashMap<>();
-    Map<String, Path> firstJars = new HashMap<>();
-    Map<String, String> examples = new TreeMap<>(); // of each pair of jars
-    for (Path jar : jars) {
-      try (ZipFile zip = new ZipFile(jar.toFile())) {
-        for (ZipEntry file : Collections.list(zip.entries())) {
-          String name = file.getName();
-          if (!name.endsWith(".class") || name.endsWith("module-info.class")) {
-            continue;
-          }
-          Long other = checksums.putIfAbsent(name, file.getCrc());
-          Path first = firstJars.putIfAbsent(name, jar);
-          if (other != null && other != file.getCrc() && !jar.equals(first)) {
-            examples.putIfAbsent(first.getFileName() + " and " + jar.getFileName(), name);
-          }
-        }
-      }
-    }
-    examples.forEach((pair, name) -> Output.warn(pair + " contain different classes of one name,"
-        + " such as " + name + "; which of them is used is not defined"));
   }
 }

@@ -3,7 +3,6 @@ package bundler;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.nio.file.StandardCopyOption;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.HashMap;
@@ -16,8 +15,8 @@ import java.util.stream.Collectors;
 
 /**
  * The class data sharing archive of a bundle's runtime: the JDK classes that the application loads,
- * parsed and, if the JVM can, linked. Classes of the application's jars stay out: those in an archive
- * name the place where it was written as their code source.
+ * parsed and, if the JVM can, linked. Classes of the application's jars stay out: those in an
+ * archive name the place where it was written as their code source.
  */
 final class ClassArchive {
   private static final Duration LAUNCH_LIMIT = Duration.ofSeconds(120);
@@ -30,6 +29,9 @@ final class ClassArchive {
       + "|Error: (LinkageError|Could not (find or load main|create the Java)|Main method not))");
   private static final Pattern NO_DISPLAY =
       Pattern.compile("HeadlessException|X11 (DISPLAY|display)|X11 window server");
+  private static final String NEEDS_DISPLAY =
+      "the application needs a display: xvfb-run ./dev bundle ...";
+  private static final String REMEDY = "\n--no-archive makes a bundle without launching it.";
   // These are in the list of options, but are the launcher's own functions.
   private static final Set<String> HOOKS = Set.of("vfprintf", "exit", "abort");
 
@@ -37,6 +39,7 @@ final class ClassArchive {
   private final Layout bundle;
   private final Options options;
   private final Map<String, String> environment;
+  private final int version;
   private final String logArchiveUse;
   private final List<String> jvmOptions = new ArrayList<>();
   private final Path archive;
@@ -49,12 +52,15 @@ final class ClassArchive {
     this.bundle = bundle;
     this.options = options;
     this.environment = environment;
+    this.version = version;
     logArchiveUse = version < FIRST_VERSION_THAT_LINKS ? "-Xlog:cds" : "-Xlog:cds,aot";
     classList = work.path("class list");
 
     Program.Result launch = launchToMain(logArchiveUse);
     if (!launch.reachedMain()) {
-      throw new UserError("the application does not start:" + launch.excerpt());
+      throw new UserError((launch.isEndedByLimit()
+          ? "the launcher has not called main within " + LAUNCH_LIMIT.toSeconds() + " s:"
+          : "the application does not start:") + launch.excerpt() + REMEDY);
     }
     Matcher listed = OPTIONS.matcher(launch.log());
     List<Path> mapped = mappedArchives(launch);
@@ -72,7 +78,7 @@ final class ClassArchive {
 
   private Program.Result launchToMain(String addedOptions) throws IOException {
     Map<String, String> variables = new HashMap<>(environment);
-    variables.merge("NORVALED_JVM_ARGS", addedOptions, (given, added) -> given + " " + added);
+    variables.merge(InfoPlist.JVM_OPTIONS, addedOptions, (given, added) -> given + " " + added);
     return new Program(work, options.has("--verbose"), bundle.launcher(), options.arguments)
         .with(variables).runToMain(LAUNCH_LIMIT);
   }
@@ -83,7 +89,7 @@ final class ClassArchive {
 
   /** Runs the application under the runtime's own java, where it can exit of its own accord. */
   void recordClasses() throws IOException {
-    Duration limit = Duration.ofSeconds(recordSeconds(options));
+    Duration limit = Duration.ofSeconds(options.recordSeconds);
     Output.say("recording the loaded classes, for " + limit.toSeconds()
         + " s or until the application exits");
     List<String> arguments = new ArrayList<>(List.of("-Xshare:off",
@@ -95,11 +101,14 @@ final class ClassArchive {
         bundle.launcher().toString())); // args[0], as from the launcher
     arguments.addAll(options.arguments);
     Program.Result java = java(arguments).with(environment).runFor(limit);
+    boolean needsDisplay = NO_DISPLAY.matcher(java.output()).find();
     boolean threw = java.status() == 1 && java.output().contains("Exception in thread \"main\"");
     if (threw || CANNOT_START.matcher(java.output()).find()) {
       throw new UserError("the application fails while it is recorded:" + java.excerpt()
-          + (NO_DISPLAY.matcher(java.output()).find()
-              ? "\nIt needs a display: xvfb-run ./dev bundle ..." : ""));
+          + (needsDisplay ? "\n" + NEEDS_DISPLAY : "") + REMEDY);
+    }
+    if (needsDisplay) {
+      Output.warn(NEEDS_DISPLAY);
     }
     if (java.isEndedByLimit()) {
       Output.say("the application was stopped after " + limit.toSeconds() + " s");
@@ -115,17 +124,12 @@ final class ClassArchive {
     return archive;
   }
 
-  static int recordSeconds(Options options) {
-    return options.last("--record-seconds", "[1-9][0-9]{0,4}", "a number from 1 to 99999")
-        .map(Integer::parseInt).orElse(20);
-  }
-
   /**
    * Takes out the classes that class loaders of the application have defined. They depend on
    * classes of the jars, which are not there when the archive is written.
    */
   private void filterClassList(Program.Result java) throws IOException {
-    String list = FileTrees.read(classList);
+    String list = FileTrees.readIfExists(classList);
     int end = list.lastIndexOf('\n') + 1; // a process that was killed may have left half a line
     if (end == 0) {
       throw new UserError("no classes were recorded:" + java.excerpt());
@@ -135,21 +139,22 @@ final class ClassArchive {
   }
 
   /**
-   * Writes the archive, and launches the bundle to prove that the JVM uses it. Some JVMs cannot use
-   * linked classes of some modules; then the archive is written again without linking.
+   * Writes the archive, and launches the bundle to prove that the JVM uses it. Some JVMs cannot
+   * link classes, or cannot use linked classes of some modules; then the archive is written without
+   * links.
    */
-  void writeAndProve(int version) throws IOException {
+  void writeAndProve() throws IOException {
     Output.say("writing the class archive");
     boolean isLinked = version >= FIRST_VERSION_THAT_LINKS;
-    write(isLinked);
-    Program.Result launch = launchWithArchive();
+    Program.Result launch = writeAndLaunch(isLinked);
     if (!launch.reachedMain() && isLinked) {
       Output.say("this JVM cannot use linked classes; writing the archive without links");
-      write(false);
-      launch = launchWithArchive();
+      launch = writeAndLaunch(false);
     }
     if (!launch.reachedMain()) {
-      throw new UserError("the JVM does not use its archive:" + launch.excerpt());
+      long free = Files.getFileStore(bundle.root()).getUsableSpace() >> 20;
+      throw new UserError((Files.exists(archive) ? "the JVM does not use its archive:"
+          : "the JVM writes no archive (free: " + free + " MiB):") + launch.excerpt() + REMEDY);
     }
     for (Path mapped : mappedArchives(launch)) {
       if (!Files.isSameFile(mapped, archive)) {
@@ -162,10 +167,12 @@ final class ClassArchive {
         + " linked classes");
   }
 
-  private void write(boolean isLinked) throws IOException {
+  /** Returns how the launch has ended, or the JVM that writes no archive. */
+  private Program.Result writeAndLaunch(boolean isLinked) throws IOException {
+    Files.deleteIfExists(archive);
     Path newArchive = work.path("archive");
     List<String> arguments = new ArrayList<>(List.of(
-        "-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g", // all classes are loaded at once
+        "-Xms1g", "-Xmx1g", "-XX:CompressedClassSpaceSize=1g", // room for all classes at once
         "-Djava.class.path=", // in place of the one in the options, to keep the jars out
         "-Xshare:dump", "-XX:SharedClassListFile=" + classList,
         "-XX:SharedArchiveFile=" + newArchive));
@@ -173,15 +180,11 @@ final class ClassArchive {
       arguments.add("-XX:+AOTClassLinking");
     }
     Program.Result java = java(arguments).with(environment).run();
-    if (!Files.exists(newArchive)) { // whatever the exit status, it is the archive that counts
-      long free = Files.getFileStore(bundle.root()).getUsableSpace() >> 20;
-      throw new UserError("the JVM writes no archive (free: " + free + " MiB):" + java.excerpt());
+    if (Files.notExists(newArchive)) { // whatever the exit status, it is the archive that counts
+      return java;
     }
-    Files.move(newArchive, archive, StandardCopyOption.REPLACE_EXISTING);
-  }
-
-  /** With -Xshare:on, a JVM that cannot use its archive does not start. */
-  private Program.Result launchWithArchive() throws IOException {
+    Files.move(newArchive, archive);
+    // With -Xshare:on, a JVM that cannot use its archive does not start.
     return launchToMain("-Xshare:on " + logArchiveUse);
   }
 

@@ -14,27 +14,28 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.LocalDateTime;
 import java.util.List;
+import java.util.Map;
 import java.util.zip.ZipEntry;
 import java.util.zip.ZipOutputStream;
 
 /**
  * The entry class that calls an application's ordinary main. It is compiled once, against a class
  * Application in its own package, and completed here: in its constant pool, the name of the
- * application's class takes the place of Application's. That is as fast as source code that calls
- * the class, and it works for classes without a package, too. Where Java's access rules do not allow
- * the call, the class Application is added, which calls main by reflection.
+ * application's class takes the place of Application's. It is as fast as a compiled call, and it
+ * works for classes without a package, too. Where such a call is not allowed, or would not
+ * initialise the class, the class Application is added, which calls main by reflection.
  *
  * @param mainClass the application's class, with points in its name
+ * @param declaringClass the class that contains main: mainClass or a superclass
  * @param isDirect whether main can be called without reflection
  */
-record EntryClass(String mainClass, boolean isDirect) {
+record EntryClass(String mainClass, String declaringClass, boolean isDirect) {
   private static final String PACKAGE = "com/norvale/app/daemon/entry/";
-  /** The file of the entry class in a jar. */
-  static final String FILE = PACKAGE + "NativeLauncher.class";
-  /** The name by which a JVM finds it. */
+  /** The name by which a JVM finds the entry class. */
   static final String NAME = PACKAGE + "NativeLauncher";
+  /** Its file in a jar. */
+  static final String FILE = NAME + ".class";
   private static final String CALLED_CLASS = PACKAGE + "Application";
-  private static final String NAME_IN_APPLICATION = "the name of the application's class";
 
   /** Finds main in the jars as a JVM does, but runs none of their code. */
   static EntryClass calling(String mainClass, List<Path> jars) throws IOException {
@@ -49,9 +50,9 @@ record EntryClass(String mainClass, boolean isDirect) {
         throw new UserError("--main-class " + mainClass + " is a class of the JDK");
       }
       Method main = mainOf(type);
-      boolean isDirect = Modifier.isPublic(type.getModifiers()) && !type.isInterface()
-          && Modifier.isPublic(main.getModifiers());
-      return new EntryClass(mainClass, isDirect);
+      boolean isDirect = main.getDeclaringClass() == type && !type.isInterface()
+          && Modifier.isPublic(type.getModifiers()) && Modifier.isPublic(main.getModifiers());
+      return new EntryClass(mainClass, main.getDeclaringClass().getName(), isDirect);
     } catch (ClassNotFoundException e) {
       throw new UserError("no jar contains the class of --main-class " + mainClass);
     } catch (LinkageError e) {
@@ -77,24 +78,28 @@ record EntryClass(String mainClass, boolean isDirect) {
   void writeJar(Path jar) throws IOException {
     try (ZipOutputStream zip = new ZipOutputStream(Files.newOutputStream(jar))) {
       if (isDirect) {
-        add(zip, NAME, CALLED_CLASS, mainClass.replace('.', '/'));
+        add(zip, NAME, Map.of(CALLED_CLASS, mainClass.replace('.', '/')));
       } else {
-        add(zip, NAME, CALLED_CLASS, CALLED_CLASS);
-        add(zip, CALLED_CLASS, NAME_IN_APPLICATION, mainClass);
+        add(zip, NAME, Map.of());
+        add(zip, CALLED_CLASS, Map.of("MAIN CLASS", mainClass, "DECLARING CLASS", declaringClass));
       }
     }
   }
 
-  /** Adds a class in whose constant pool one text is replaced by another. */
-  private static void add(ZipOutputStream zip, String name, String text, String replacement)
+  /** Adds a class in whose constant pool some texts are replaced. */
+  private static void add(ZipOutputStream zip, String name, Map<String, String> replacements)
       throws IOException {
+    String bytes; // one character for each byte
+    try (InputStream file = EntryClass.class.getResourceAsStream("/" + name + ".class")) {
+      bytes = new String(file.readAllBytes(), ISO_8859_1);
+    }
+    for (Map.Entry<String, String> replacement : replacements.entrySet()) {
+      bytes = bytes.replace(constant(replacement.getKey()), constant(replacement.getValue()));
+    }
     ZipEntry entry = new ZipEntry(name + ".class");
     entry.setTimeLocal(LocalDateTime.of(2000, 1, 1, 0, 0)); // so that each run gives the same bytes
     zip.putNextEntry(entry);
-    try (InputStream file = EntryClass.class.getResourceAsStream("/" + name + ".class")) {
-      String bytes = new String(file.readAllBytes(), ISO_8859_1); // one character for each byte
-      zip.write(bytes.replace(constant(text), constant(replacement)).getBytes(ISO_8859_1));
-    }
+    zip.write(bytes.getBytes(ISO_8859_1));
   }
 
   /** A text as it stands in a constant pool: its length, and then itself. */

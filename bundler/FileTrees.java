@@ -16,16 +16,11 @@ import java.util.Comparator;
 import java.util.Deque;
 import java.util.List;
 import java.util.Set;
-import java.util.regex.Pattern;
 import java.util.stream.Stream;
 
 /** Reads, copies and deletes files, and folders with all that they contain. */
 final class FileTrees {
-  // What only a debugger of the JVM itself reads.
-  private static final Pattern DEBUG_FILE = Pattern.compile(".*\\.(debuginfo|diz|dSYM)");
-
-  static final String WRONG_LOCALE =
-      "the locale cannot express a file's name; set LC_ALL=C.UTF-8: ";
+  static final String WRONG_LOCALE = "the locale cannot express this name; set LC_ALL=C.UTF-8: ";
 
   private FileTrees() {}
 
@@ -39,7 +34,7 @@ final class FileTrees {
     return path;
   }
 
-  /** Refuses a name that the programs that are run could not be given. */
+  /** Refuses a name that could not be passed to another program. */
   static void checkLocale(Path path) {
     if (path.toString().indexOf('\uFFFD') >= 0) {
       throw new UserError(WRONG_LOCALE + path);
@@ -56,6 +51,8 @@ final class FileTrees {
   static List<Path> entries(Path folder) throws IOException {
     try (Stream<Path> paths = Files.list(folder)) {
       return paths.sorted().toList();
+    } catch (UncheckedIOException e) {
+      throw e.getCause();
     }
   }
 
@@ -68,8 +65,8 @@ final class FileTrees {
     }
   }
 
-  /** The text of a file, or nothing if it does not exist. */
-  static String read(Path file) throws IOException {
+  /** The text of a file, or "" if it does not exist. */
+  static String readIfExists(Path file) throws IOException {
     try {
       return new String(Files.readAllBytes(file), UTF_8);
     } catch (NoSuchFileException e) {
@@ -78,32 +75,28 @@ final class FileTrees {
   }
 
   /**
-   * Copies a file or a folder, but for debugging files and a Mac's metadata. A link that stays
-   * inside the folder is copied as a link; one that leads out of it, such as a JDK's to /etc,
-   * becomes what it leads to. Links that lead nowhere are left out, with a warning.
+   * Copies a file or a folder, but for a Mac's metadata in it. A link that stays inside the folder
+   * is copied as a link; one that leads out of it, such as a JDK's to /etc, becomes what it leads
+   * to. Links that lead nowhere are left out, with a warning.
+   *
+   * @param target a path whose parent is real
    */
   static void copy(Path source, Path target) throws IOException {
     Path root = source.toRealPath();
-    if (target.getParent().toRealPath().startsWith(root)) {
-      throw new UserError(source + " contains the folder in which the bundle is made");
-    }
     List<Path> leftOut = new ArrayList<>();
     copyWithin(root, root, target, new ArrayDeque<>(), leftOut);
     if (!leftOut.isEmpty()) {
-      Output.warn("left out, since they are links to nothing: " + leftOut);
+      Output.warn("left out, since they are links to nothing: " + Output.list(leftOut));
     }
   }
 
   /**
    * Copies {@code path}, which is {@code root} or inside it.
    *
-   * @param open the real paths of the folders that are being copied
+   * @param open the folders that are being copied; they and {@code root} are real paths
    */
   private static void copyWithin(Path root, Path path, Path target, Deque<Path> open,
       List<Path> leftOut) throws IOException {
-    if (isMacMetadata(path) || DEBUG_FILE.matcher(path.getFileName().toString()).matches()) {
-      return;
-    }
     if (Files.isSymbolicLink(path)) {
       if (Files.exists(path)) {
         copyLink(root, path, target, open, leftOut);
@@ -111,10 +104,15 @@ final class FileTrees {
         leftOut.add(path);
       }
     } else if (Files.isDirectory(path)) {
+      if (target.startsWith(path)) {
+        throw new UserError(path + " contains the folder in which the bundle is made");
+      }
       Files.createDirectory(target);
       open.push(path);
       for (Path entry : entries(path)) {
-        copyWithin(root, entry, target.resolve(entry.getFileName()), open, leftOut);
+        if (!isMacMetadata(entry)) {
+          copyWithin(root, entry, target.resolve(entry.getFileName()), open, leftOut);
+        }
       }
       open.pop();
     } else if (Files.isRegularFile(path)) {
@@ -128,6 +126,7 @@ final class FileTrees {
       List<Path> leftOut) throws IOException {
     Path destination = Files.readSymbolicLink(link);
     Path real = link.toRealPath();
+    // Neither the words of the link nor other links on its way may lead out of the folder.
     boolean staysInside = !destination.isAbsolute() && real.startsWith(root)
         && link.resolveSibling(destination).normalize().startsWith(root);
     if (staysInside) {
@@ -141,17 +140,17 @@ final class FileTrees {
 
   /** Deletes a folder with all that is in it. Returns what could not be deleted. */
   static List<Path> delete(Path root) {
-    List<Path> resisting = new ArrayList<>();
     if (Files.notExists(root, LinkOption.NOFOLLOW_LINKS)) {
-      return resisting;
+      return List.of();
     }
-    List<Path> paths = new ArrayList<>();
+    List<Path> paths;
     try {
-      paths.addAll(all(root));
+      paths = new ArrayList<>(all(root));
     } catch (IOException e) { // a folder in it cannot be read
       return List.of(root);
     }
     paths.sort(Comparator.reverseOrder()); // children first
+    List<Path> resisting = new ArrayList<>();
     for (Path path : paths) {
       try {
         Files.deleteIfExists(path);

@@ -27,9 +27,11 @@ import org.xml.sax.helpers.DefaultHandler;
 
 /** The bundle's Info.plist, and the environment in it. */
 final class InfoPlist {
-  private static final String JVM_OPTIONS = "NORVALED_JVM_ARGS";
+  /** The variable with JVM options. */
+  static final String JVM_OPTIONS = "NORVALED_JVM_ARGS";
   private static final String SWITCH = "KESTREL_AGGRESSIVE_OPTIMIZATIONS";
   private static final int FIRST_VERSION_WITHOUT_SWITCH = 24;
+  private static final String DEFAULT_IDENTIFIER = "com.norvale.kestrel";
 
   /** The application's variables, which it gets while it is recorded, too. */
   final Map<String, String> environment = new LinkedHashMap<>();
@@ -40,13 +42,22 @@ final class InfoPlist {
 
   /** @param runtimeVersion of the bundle's Java runtime, if it has one */
   InfoPlist(Options options, Optional<Integer> runtimeVersion) throws IOException {
-    // No slash, colon, control character or leading point.
-    name = options.last("--name", "[^/:\\p{Cntrl}.][^/:\\p{Cntrl}]*", "a file name without a colon"
-        + " and a leading point").orElse("Kestrel");
-    String version = options.last("--app-version", "[0-9]+(\\.[0-9]+){0,2}",
-        "one to three numbers with points").orElse(ofLauncher("launcher"));
-    Optional<String> identifier = options.last("--mac-package-identifier", "[A-Za-z0-9.-]+",
-        "made of letters, digits, points and hyphens");
+    name = options.checked("--name", "[^/:\\p{Cntrl}.][^/:\\p{Cntrl}]*",
+        "a file name that contains no colon and does not begin with a dot").orElse("Kestrel");
+    addGeneratedKeys(options);
+    addVariables(options);
+    Optional<Path> given = options.path("--info-plist");
+    if (given.isPresent()) {
+      addKeys(given.get());
+    }
+    if (runtimeVersion.isPresent() && runtimeVersion.get() < FIRST_VERSION_WITHOUT_SWITCH) {
+      environment.putIfAbsent(SWITCH, "0"); // these JVMs reject one of the default options
+    }
+  }
+
+  private void addGeneratedKeys(Options options) throws IOException {
+    String version = options.checked("--app-version", "[0-9]+(\\.[0-9]+){0,2}",
+        "one to three numbers separated by dots").orElse(ofLauncher("launcher"));
     put("CFBundleDevelopmentRegion", "string", "en");
     put("CFBundleExecutable", "string", Layout.LAUNCHER);
     Optional<Path> icon = options.path("--icon");
@@ -54,7 +65,8 @@ final class InfoPlist {
       checkIcon(icon.get());
       put("CFBundleIconFile", "string", icon.get().getFileName().toString());
     }
-    put("CFBundleIdentifier", "string", identifier.orElse("com.norvale.kestrel"));
+    put("CFBundleIdentifier", "string", options.checked("--mac-package-identifier",
+        "[A-Za-z0-9.-]+", "made of letters, digits, dots and hyphens").orElse(DEFAULT_IDENTIFIER));
     put("CFBundleInfoDictionaryVersion", "string", "6.0");
     put("CFBundleName", "string", name);
     put("CFBundlePackageType", "string", "APPL");
@@ -62,23 +74,28 @@ final class InfoPlist {
     put("CFBundleVersion", "string", version);
     put("LSMinimumSystemVersion", "string", ofLauncher("macos"));
     put("NSHighResolutionCapable", "true", "");
+  }
 
+  private void addVariables(Options options) {
     if (options.has("--java-options")) {
       addVariable(JVM_OPTIONS, String.join(" ", options.all("--java-options")));
     }
     for (String variable : options.all("--env")) {
-      if (!variable.matches("[A-Za-z_][A-Za-z0-9_]*=\\P{Cntrl}*")) {
+      int end = variable.indexOf('=');
+      if (end < 0) {
         throw new UserError("--env must be NAME=VALUE: " + variable);
       }
-      int end = variable.indexOf('=');
       addVariable(variable.substring(0, end), variable.substring(end + 1));
     }
-    Optional<Path> given = options.path("--info-plist");
-    if (given.isPresent()) {
-      addKeys(given.get());
+  }
+
+  private void addVariable(String name, String value) {
+    if (!name.matches("[A-Za-z_][A-Za-z0-9_]*") || !value.matches("\\P{Cntrl}*")) {
+      throw new UserError("a variable's name must be made of letters, digits and _, and its value"
+          + " must not contain control characters: " + name);
     }
-    if (runtimeVersion.isPresent() && runtimeVersion.get() < FIRST_VERSION_WITHOUT_SWITCH) {
-      environment.putIfAbsent(SWITCH, "0"); // these JVMs reject one of the default options
+    if (environment.putIfAbsent(name, value) != null) {
+      throw new UserError("the variable " + name + " is given twice");
     }
   }
 
@@ -92,7 +109,10 @@ final class InfoPlist {
   }
 
   private static void checkIcon(Path icon) throws IOException {
-    if (!Files.isRegularFile(icon) || !FileTrees.read(icon).startsWith("icns")) {
+    if (!Files.isRegularFile(icon)) {
+      throw new UserError("--icon must be a file: " + icon);
+    }
+    if (!FileTrees.readIfExists(icon).startsWith("icns")) {
       throw new UserError("--icon must be an .icns file: " + icon);
     }
   }
@@ -103,26 +123,20 @@ final class InfoPlist {
     values.put(key, value);
   }
 
-  private void addVariable(String name, String value) {
-    if (environment.putIfAbsent(name, value) != null) {
-      throw new UserError("the variable " + name + " is given twice");
-    }
-  }
-
   /** Adds the keys of a property list that the user has written. */
   private void addKeys(Path file) throws IOException {
     if (!Files.isRegularFile(file)) {
       throw new UserError("--info-plist must be a file: " + file);
     }
-    if (FileTrees.read(file).startsWith("bplist")) {
-      throw new UserError(file + " is a binary property list; convert it with: plutil -convert xml1 "
+    if (FileTrees.readIfExists(file).startsWith("bplist")) {
+      throw new UserError(file + " is a binary property list; convert it: plutil -convert xml1 "
           + file);
     }
     Element root;
     try {
       root = newDocumentBuilder().parse(file.toFile()).getDocumentElement();
     } catch (SAXException e) {
-      throw new UserError(file + " is not XML: " + e.getMessage());
+      throw new UserError(file + " cannot be read: " + e.getMessage());
     }
     List<Element> content = children(root);
     if (!root.getTagName().equals("plist") || content.size() != 1) {
@@ -134,8 +148,12 @@ final class InfoPlist {
     }
     Element variables = keys.remove("LSEnvironment");
     if (variables != null) {
-      dictionary(variables, file)
-          .forEach((name, value) -> addVariable(name, value.getTextContent()));
+      dictionary(variables, file).forEach((name, value) -> {
+        if (!value.getTagName().equals("string")) {
+          throw new UserError(file + ": the value of " + name + " must be a string");
+        }
+        addVariable(name, value.getTextContent());
+      });
     }
     keys.forEach((key, value) -> values.put(key, (Element) document.importNode(value, true)));
   }
@@ -150,7 +168,7 @@ final class InfoPlist {
           && keys.put(content.get(i).getTextContent(), content.get(i + 1)) == null;
     }
     if (!isValid) {
-      throw new UserError(file + " is not a property list with a dictionary of different keys");
+      throw new UserError(file + " is not a property list: each key must be there once, and have a value");
     }
     return keys;
   }
@@ -168,7 +186,7 @@ final class InfoPlist {
   /** Tells the user what may not be as intended. */
   void warn(Options options) {
     boolean isDefault = values.get("CFBundleIdentifier").getTextContent()
-        .equals("com.norvale.kestrel");
+        .equals(DEFAULT_IDENTIFIER);
     if (options.has("--name") && isDefault) {
       Output.warn("without --mac-package-identifier, a Mac takes this application for every other"
           + " one with the default identifier");
@@ -190,7 +208,7 @@ final class InfoPlist {
     Element root = document.createElement("plist");
     root.setAttribute("version", "1.0");
     root.appendChild(dictionary);
-    document.setXmlStandalone(true); // so that the writer does not say that it is not
+    document.setXmlStandalone(true); // otherwise the first line says standalone="no"
     document.appendChild(root);
     removeIndentation(root);
     try {
@@ -232,10 +250,11 @@ final class InfoPlist {
     try {
       DocumentBuilderFactory factory = DocumentBuilderFactory.newInstance();
       factory.setFeature("http://apache.org/xml/features/nonvalidating/load-external-dtd", false);
-      factory.setFeature("http://xml.org/sax/features/external-general-entities", false);
-      factory.setFeature("http://xml.org/sax/features/external-parameter-entities", false);
       DocumentBuilder builder = factory.newDocumentBuilder();
       builder.setErrorHandler(new DefaultHandler()); // which prints nothing
+      builder.setEntityResolver((name, address) -> {
+        throw new SAXException("it refers to " + address);
+      });
       return builder;
     } catch (ParserConfigurationException e) {
       throw new IllegalStateException(e);

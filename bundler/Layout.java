@@ -4,7 +4,7 @@ import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 
-/** Where things are in a bundle. */
+/** Where things are in a bundle; nothing else knows it. */
 record Layout(Path root) {
   /** The name of the executable. */
   static final String LAUNCHER = "kestrel";
@@ -25,8 +25,12 @@ record Layout(Path root) {
     return contents().resolve("Resources");
   }
 
+  Path runtimeContents() {
+    return contents().resolve("jre/Contents");
+  }
+
   Path runtimeHome() {
-    return contents().resolve("jre/Contents/Home");
+    return runtimeContents().resolve("Home");
   }
 
   /** The library of the Java runtime that the launcher loads. */
@@ -34,11 +38,23 @@ record Layout(Path root) {
     return runtimeHome().resolve("lib/libjli.dylib");
   }
 
+  /** Refuses what must not be replaced by a bundle. */
+  static void checkReplaceable(Path path) {
+    if (path.toString().contains(":")) { // which would end an entry of the class path
+      throw new UserError("the bundle's path must not contain a colon: " + path);
+    }
+    if (Files.isSymbolicLink(path)) {
+      throw new UserError(path + " is a link; remove it");
+    }
+    if (Files.exists(path) && !Files.isDirectory(new Layout(path).contents())) {
+      throw new UserError(path + " exists and is not a bundle");
+    }
+  }
+
   /** Puts everything but the Java runtime into the bundle. */
   void assemble(Path launcher, ApplicationFiles files, InfoPlist plist) throws IOException {
     Files.createDirectories(launcher().getParent());
     Files.createDirectories(jars());
-    Files.createDirectories(runtimeHome().getParent());
     FileTrees.copy(launcher, launcher());
     for (Path jar : files.jars) {
       FileTrees.copy(jar, jars().resolve(jar.getFileName()));

@@ -1,9 +1,11 @@
 package bundler;
 
 import java.io.IOException;
+import java.nio.file.AccessDeniedException;
 import java.nio.file.FileSystemException;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import java.util.List;
 import java.util.Map;
@@ -11,15 +13,21 @@ import java.util.TreeMap;
 import java.util.stream.Collectors;
 
 /**
- * Makes application bundles; docs/bundle.md and docs/macos.md describe what it does. It checks the
- * whole command line, makes the bundle in a folder beside its target, proves that it starts, and
- * only then puts it in place.
+ * Makes application bundles; docs/bundle.md describes what it does. It checks the whole command
+ * line, makes the bundle in a folder beside its target, proves that it starts, and only then puts
+ * it in place.
  */
 public final class Main {
+  private static final int SUCCESS = 0;
   private static final int FAILURE = 1;
   private static final int WRONG_USE = 2;
 
-  private Main() {}
+  private final Options options;
+  private final boolean isForMac;
+  private final JavaRuntime runtime;
+  private final InfoPlist plist;
+  private final ApplicationFiles files;
+  private final Path target;
 
   public static void main(String[] args) {
     System.exit(run(List.of(args)));
@@ -28,12 +36,16 @@ public final class Main {
   /** Returns the exit status. */
   private static int run(List<String> args) {
     try {
-      if (String.join("", args).indexOf('\uFFFD') >= 0) {
-        throw new UserError(FileTrees.WRONG_LOCALE + String.join(" ", args));
+      for (String arg : args) {
+        if (arg.indexOf('\uFFFD') >= 0) {
+          throw new UserError(FileTrees.WRONG_LOCALE + arg);
+        }
       }
-      Options options = new Options(args);
-      makeBundle(options);
-      return 0;
+      Main main = new Main(new Options(args));
+      if (main.options.launcher.isPresent()) {
+        main.makeBundle(main.options.launcher.get());
+      }
+      return SUCCESS;
     } catch (UsageError e) {
       Output.error(e.getMessage() + "; see --help");
       return WRONG_USE;
@@ -41,6 +53,10 @@ public final class Main {
       Output.error(e.getMessage());
     } catch (InvalidPathException e) {
       Output.error(FileTrees.WRONG_LOCALE + e.getInput());
+    } catch (NoSuchFileException e) {
+      Output.error(e.getFile() + " does not exist");
+    } catch (AccessDeniedException e) {
+      Output.error(e.getFile() + ": permission denied");
     } catch (FileSystemException e) {
       Output.error(e.getFile() + ": "
           + (e.getReason() != null ? e.getReason() : e.getClass().getSimpleName()));
@@ -50,75 +66,84 @@ public final class Main {
     return FAILURE;
   }
 
-  private static void makeBundle(Options options) throws IOException {
-    boolean isForMac = options.command == Options.Command.MACOS || isOnMac();
-    String processor = processor(options);
-    String platform =
-        isForMac ? NativeCode.forMac(processor) : NativeCode.forLinux(processor);
-    ClassArchive.recordSeconds(options); // which must be a number
-    JavaRuntime runtime = new JavaRuntime(options, platform);
-    InfoPlist plist = new InfoPlist(options, runtime.version());
+  /** Checks everything that the command line names. */
+  private Main(Options options) throws IOException {
+    this.options = options;
+    isForMac = options.command == Options.Command.MACOS
+        || System.getProperty("os.name").startsWith("Mac");
+    String codeName = NativeCode.name(processor(options), isForMac);
+    runtime = new JavaRuntime(options, codeName);
+    plist = new InfoPlist(options, runtime.version);
+    files = new ApplicationFiles(options, codeName);
     Path folder = options.path("--dest").orElseThrow(() -> new UsageError("--dest is missing"));
-    WorkFolder.checkTarget(folder.resolve(plist.name + ".app"));
-    ApplicationFiles files = new ApplicationFiles(options, platform);
-    if (options.launcher.isEmpty()) {
-      return;
+    target = folder.resolve(plist.name + ".app");
+    Layout.checkReplaceable(target);
+  }
+
+  /**
+   * The processor for which the bundle is. An unknown one keeps Java's name, which suits no file.
+   */
+  private static String processor(Options options) {
+    if (options.command == Options.Command.MACOS) {
+      return options.checked("--arch", "x86_64|arm64", "x86_64 or arm64").orElse("x86_64");
     }
-    Path target =
-        Files.createDirectories(folder).toRealPath().resolve(plist.name + ".app");
-    WorkFolder.checkTarget(target);
+    String processor = System.getProperty("os.arch");
+    return switch (processor) {
+      case "amd64" -> "x86_64";
+      case "aarch64" -> "arm64";
+      default -> processor;
+    };
+  }
+
+  private void makeBundle(Path launcher) throws IOException {
     files.warn();
     plist.warn(options);
-    try (WorkFolder work = new WorkFolder(target)) {
+    if (!Files.isDirectory(target.getParent())) {
+      Files.createDirectories(target.getParent());
+    }
+    Path realTarget = target.getParent().toRealPath().resolve(target.getFileName());
+    Layout.checkReplaceable(realTarget);
+    try (WorkFolder work = new WorkFolder(realTarget)) {
       Layout bundle = new Layout(work.bundle());
-      bundle.assemble(options.launcher.get(), files, plist);
-      if (isForMac && options.has("--main-class")) {
+      bundle.assemble(launcher, files, plist);
+      if (isForMac && options.has("--main-class")) { // other entry classes do without windows
         runtime.warnOfWindows(bundle, work);
       }
       runtime.addTo(bundle, work);
       if (options.command == Options.Command.BUNDLE) {
-        prepare(options, runtime, bundle, plist.environment, work);
+        if (!options.has("--no-archive")) {
+          addArchive(bundle, work);
+        }
+        runtime.removePrograms(bundle);
       }
       work.putInPlace();
     }
-    if (options.command == Options.Command.LINK) {
-      return; // a step of a build, which prints nothing
-    }
-    Output.say("the bundle is " + target);
-    if (options.command == Options.Command.MACOS && !options.has("--runtime-image")) {
-      Output.say("it has no Java runtime, so the launcher will exit with 53; --runtime-image adds"
-          + " one");
-    }
-    if (!plist.environment.isEmpty()) {
-      Output.say("every launch " + (isForMac ? "from a terminal " : "") + "needs these variables: "
-          + plist.environment.entrySet().stream()
-              .map(variable -> variable.getKey() + "=" + quoted(variable.getValue()))
-              .collect(Collectors.joining(" ")));
+    if (options.command != Options.Command.TRIAL) { // which is a step of a build
+      report(realTarget);
     }
   }
 
-  /** Lets the JVM of a bundle start fast. */
-  private static void prepare(Options options, JavaRuntime runtime, Layout bundle,
-      Map<String, String> environment, WorkFolder work) throws IOException {
-    if (!options.has("--no-archive")) {
-      warnOfArguments(options.arguments);
-      List<String> keptAway = Program.variablesKeptAway();
-      if (!keptAway.isEmpty()) {
-        Output.say("your variables " + keptAway + " have no effect here; see --env and"
-            + " --java-options");
-      }
-      Map<Path, String> before = fingerprints(bundle);
-      int version = runtime.version().orElseThrow();
-      ClassArchive archive = new ClassArchive(work, bundle, options, environment, version);
-      archive.recordClasses();
-      archive.writeAndProve(version);
-      removeTraces(bundle, before, archive.file());
+  /** Adds an archive of classes, so that the JVM starts fast. */
+  private void addArchive(Layout bundle, WorkFolder work) throws IOException {
+    warnOfArguments();
+    List<String> keptAway = Program.variablesKeptAway();
+    if (!keptAway.isEmpty()) {
+      Output.say("these variables of yours have no effect on the bundle (see --env and"
+          + " --java-options): " + Output.list(keptAway));
     }
-    runtime.removePrograms(bundle);
+    Map<Path, String> before = fingerprints(bundle);
+    ClassArchive archive =
+        new ClassArchive(work, bundle, options, plist.environment, runtime.version.orElseThrow());
+    archive.recordClasses();
+    archive.writeAndProve();
+    before.remove(archive.file());
+    Map<Path, String> after = fingerprints(bundle);
+    after.remove(archive.file());
+    removeTraces(bundle, before, after);
   }
 
-  private static void warnOfArguments(List<String> arguments) {
-    for (String argument : arguments) {
+  private void warnOfArguments() {
+    for (String argument : options.arguments) {
       Path path = Path.of(argument);
       if (!argument.isEmpty() && !path.isAbsolute() && Files.exists(path)) {
         Output.warn("the application does not run in this folder, so it may not find " + argument
@@ -137,41 +162,41 @@ public final class Main {
     return fingerprints;
   }
 
-  /** Removes what the launches have left in the bundle, but for the archive. */
-  private static void removeTraces(Layout bundle, Map<Path, String> before, Path archive)
-      throws IOException {
-    Map<Path, String> after = fingerprints(bundle);
-    for (Path path : after.keySet()) {
-      String fingerprint = before.get(path);
-      if (path.equals(archive) || after.get(path).equals(fingerprint)) {
-        continue;
-      }
-      if (fingerprint != null) {
+  /**
+   * Removes what the launches have added to the bundle; a bundle that they have changed is wrong.
+   */
+  private static void removeTraces(Layout bundle, Map<Path, String> before,
+      Map<Path, String> after) {
+    before.forEach((path, fingerprint) -> {
+      if (!fingerprint.equals(after.get(path))) {
         throw new UserError("the application has changed " + bundle.root().relativize(path)
             + " in its bundle, which would break a signature; --no-archive makes a bundle without"
             + " launching it");
       }
-      Output.warn("the application has left " + bundle.root().relativize(path)
-          + " in its bundle; it is removed");
-      FileTrees.delete(path);
+    });
+    for (Path path : after.keySet()) {
+      if (!before.containsKey(path) && before.containsKey(path.getParent())) {
+        if (!FileTrees.delete(path).isEmpty()) {
+          throw new UserError("the application has left " + path + ", which cannot be deleted");
+        }
+        Output.warn("removed what the application has left in its bundle: "
+            + bundle.root().relativize(path));
+      }
     }
   }
 
-  private static boolean isOnMac() {
-    return System.getProperty("os.name").startsWith("Mac");
-  }
-
-  /** The processor for which the bundle is; an unknown one keeps its name, and nothing fits it. */
-  private static String processor(Options options) {
-    if (options.command == Options.Command.MACOS) {
-      return options.last("--arch", "x86_64|arm64", "x86_64 or arm64").orElse("x86_64");
+  private void report(Path bundle) {
+    Output.say("the bundle is " + bundle);
+    if (options.command == Options.Command.MACOS && !options.has("--runtime-image")) {
+      Output.say("it has no Java runtime, so the launcher will exit with 53; --runtime-image adds"
+          + " one");
     }
-    String processor = System.getProperty("os.arch");
-    return switch (processor) {
-      case "amd64" -> "x86_64";
-      case "aarch64" -> "arm64";
-      default -> processor;
-    };
+    if (!plist.environment.isEmpty()) {
+      Output.say("every launch " + (isForMac ? "from a terminal " : "") + "needs these variables: "
+          + plist.environment.entrySet().stream()
+              .map(variable -> variable.getKey() + "=" + quoted(variable.getValue()))
+              .collect(Collectors.joining(" ")));
+    }
   }
 
   /** A text as one word for a shell. */

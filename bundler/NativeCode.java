@@ -9,12 +9,11 @@ import java.nio.file.Path;
 import java.util.Arrays;
 
 /**
- * Tells from its first bytes what native code a file contains, as Apple's mach-o/loader.h and
- * mach-o/fat.h and the ELF standard describe them.
+ * Tells native code by its first bytes, as Apple's mach-o headers and the ELF standard have them.
  */
 final class NativeCode {
-  static final String NONE = "no native code";
-  static final String UNIVERSAL = "universal code for Macs";
+  private static final String NONE = "no native code";
+  private static final String UNIVERSAL = "universal code for Macs";
 
   private static final int HEAD_SIZE = 20;
   private static final int MACH_O_64 = 0xFEEDFACF;
@@ -29,16 +28,25 @@ final class NativeCode {
 
   private NativeCode() {}
 
-  static String forMac(String processor) {
-    return processor + " code for Macs";
+  /** What code for a processor is called here. */
+  static String name(String processor, boolean isForMac) {
+    return processor + " code for " + (isForMac ? "Macs" : "Linux");
   }
 
-  static String forLinux(String processor) {
-    return processor + " code for Linux";
+  /** Refuses a file that does not contain the code of this name; universal code suits every Mac. */
+  static void check(Path file, String name) throws IOException {
+    String found = Files.isRegularFile(file) ? in(file) : NONE;
+    if (!found.equals(name) && !(found.equals(UNIVERSAL) && name.endsWith("Macs"))) {
+      throw new UserError(file + " contains " + found + ", but the bundle is for " + name
+          + (name.endsWith("Macs") ? "; --arch chooses the processor" : ""));
+    }
   }
 
-  /** One of the constants and texts above. */
-  static String in(Path file) throws IOException {
+  static boolean isIn(Path file) throws IOException {
+    return !in(file).equals(NONE);
+  }
+
+  private static String in(Path file) throws IOException {
     ByteBuffer head;
     try (InputStream stream = Files.newInputStream(file)) {
       head = ByteBuffer.wrap(Arrays.copyOf(stream.readNBytes(HEAD_SIZE), HEAD_SIZE));
@@ -49,18 +57,18 @@ final class NativeCode {
     boolean isElf = head.getInt(0) == ELF;
     head.order(ByteOrder.LITTLE_ENDIAN);
     if (isElf) {
-      return forLinux(switch (head.getShort(ELF_PROCESSOR_OFFSET)) {
+      return name(switch (head.getShort(ELF_PROCESSOR_OFFSET)) {
         case ELF_X86_64 -> "x86_64";
         case ELF_ARM64 -> "arm64";
         default -> "other";
-      });
+      }, false);
     }
     if (head.getInt(0) == MACH_O_64) {
-      return forMac(switch (head.getInt(4)) {
+      return name(switch (head.getInt(4)) {
         case MACH_O_X86_64 -> "x86_64";
         case MACH_O_ARM64 -> "arm64";
         default -> "other";
-      });
+      }, true);
     }
     return NONE;
   }

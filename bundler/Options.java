@@ -13,19 +13,29 @@ import java.util.Optional;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
-/** The command line; the text of --help says which options there are, and which take a value. */
+/**
+ * The command line. Which options a command has, and which of them take a value, is read from the
+ * text of --help, as ./dev does, too.
+ */
 final class Options {
+  // "Options of ./dev bundle and ./dev macos:", then lines such as "  --name NAME     the name".
   private static final Pattern SECTION = Pattern.compile("Options of (.*):");
   private static final Pattern OPTION = Pattern.compile("  (--[a-z-]+)( [A-Z]+)?.*");
 
-  /** Which command is run. */
+  /** What is made. */
   enum Command {
-    /** A bundle for this machine with a prepared runtime. */
-    BUNDLE,
+    /** A bundle for this machine with a runtime that is prepared for the application. */
+    BUNDLE("./dev bundle"),
     /** A bundle for Macs. */
-    MACOS,
-    /** A bundle for this machine with a link to the runtime that --runtime-image names. */
-    LINK
+    MACOS("./dev macos"),
+    /** A bundle for trials on this machine, whose runtime is a link to --runtime-image. */
+    TRIAL("./dev");
+
+    private final String name; // what the sections with its options contain
+
+    Command(String name) {
+      this.name = name;
+    }
   }
 
   final Command command;
@@ -34,11 +44,12 @@ final class Options {
   final List<String> items = new ArrayList<>();
   /** The application's arguments while the bundle is made. */
   final List<String> arguments = new ArrayList<>();
+  final int recordSeconds;
   private final Map<String, List<String>> values = new HashMap<>();
 
   /**
-   * Reads a command line: COMMAND LAUNCHER [OPTION...] [ITEM...] [-- ARG...], where COMMAND is bundle,
-   * macos or link, and "-" as LAUNCHER means that nothing is to be made.
+   * Reads a command line: COMMAND LAUNCHER [OPTION...] [ITEM...] [-- ARG...], where COMMAND is
+   * bundle, macos or trial, and "-" as LAUNCHER means that nothing is to be made.
    */
   Options(List<String> words) throws IOException {
     if (words.size() < 2) {
@@ -47,7 +58,7 @@ final class Options {
     command = switch (words.get(0)) {
       case "bundle" -> Command.BUNDLE;
       case "macos" -> Command.MACOS;
-      case "link" -> Command.LINK;
+      case "trial" -> Command.TRIAL;
       default -> throw new UsageError("unknown command: " + words.get(0));
     };
     launcher = words.get(1).equals("-")
@@ -60,9 +71,11 @@ final class Options {
     if (has("--no-archive")) {
       reject("--record-seconds", "--no-archive");
       if (!arguments.isEmpty()) {
-        throw new UsageError("with --no-archive the application is not launched, so it gets no --");
+        throw new UsageError("with --no-archive, the application is not launched with arguments");
       }
     }
+    recordSeconds = Integer.parseInt(
+        checked("--record-seconds", "[1-9][0-9]{0,4}", "a number from 1 to 99999").orElse("20"));
   }
 
   private void read(List<String> words) throws IOException {
@@ -81,12 +94,13 @@ final class Options {
         continue;
       }
       if (!takesValue.containsKey(word)) {
-        throw new UsageError(word + " is not an option of this command");
+        throw new UsageError(word + " is not an option of " + command.name);
       }
       List<String> valuesOfOption = values.computeIfAbsent(word, option -> new ArrayList<>());
       if (takesValue.get(word)) {
         i++;
-        if (i == words.size() || takesValue.containsKey(words.get(i))) {
+        if (i == words.size() || words.get(i).equals("--")
+            || takesValue.containsKey(words.get(i))) {
           throw new UsageError(word + " needs a value");
         }
         valuesOfOption.add(words.get(i));
@@ -100,19 +114,14 @@ final class Options {
     boolean applies = false;
     for (String line : help().split("\n")) {
       Matcher section = SECTION.matcher(line);
-      if (section.matches()) {
-        applies = command == Command.LINK || section.group(1).contains(nameOf(command));
-      }
       Matcher option = OPTION.matcher(line);
-      if (applies && option.matches()) {
+      if (section.matches()) {
+        applies = section.group(1).contains(command.name);
+      } else if (applies && option.matches()) {
         takesValue.put(option.group(1), option.group(2) != null);
       }
     }
     return takesValue;
-  }
-
-  private static String nameOf(Command command) {
-    return command == Command.MACOS ? "macos" : "bundle";
   }
 
   private static String help() throws IOException {
@@ -143,7 +152,7 @@ final class Options {
   }
 
   /** The value of an option, which must match a pattern as a whole. */
-  Optional<String> last(String option, String pattern, String description) {
+  Optional<String> checked(String option, String pattern, String description) {
     Optional<String> value = last(option);
     if (value.isPresent() && !value.get().matches(pattern)) {
       throw new UserError(option + " must be " + description + ": " + value.get());

@@ -9,6 +9,7 @@ import java.time.Duration;
 import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Map;
+import java.util.Optional;
 import java.util.Set;
 import java.util.concurrent.TimeUnit;
 import java.util.regex.Pattern;
@@ -16,14 +17,12 @@ import java.util.regex.Pattern;
 /** A program that is run as a child process, in an empty folder and without input. */
 final class Program {
   static final int SUCCESS = 0;
-  static final int TERMINATED = 143; // the exit status after SIGTERM
   private static final int INTERRUPTED = 130; // after Ctrl-C
   private static final Duration TIME_TO_EXIT = Duration.ofSeconds(10);
   private static final long MOST_OUTPUT = 1 << 20; // bytes
-  // The launcher's record at the end of its start; an argument with these words stands in another
-  // function's record.
-  private static final Pattern CALLING_MAIN =
-      Pattern.compile("(?m)^\\S+ \\d+ \\S+ \\S+ +INFO   ---- \\(native\\) +operator\\(\\) JVM calling main$");
+  // A record of this function: an argument with these words stands in another function's record.
+  private static final Pattern CALLING_MAIN = Pattern.compile(
+      "(?m)^\\S+ \\d+ \\S+ \\S+ +INFO   ---- \\(native\\) +operator\\(\\) JVM calling main$");
   // They would change what the application loads, or the launcher's own settings.
   private static final Pattern KEPT_AWAY = Pattern.compile("(NORVALED|KESTREL)_.*|CLASSPATH");
 
@@ -68,47 +67,48 @@ final class Program {
 
   /** Runs the program to its end. */
   Result run() throws IOException {
-    return run(Duration.ofDays(365), false, false);
+    return run(Optional.empty(), false);
   }
 
   /** Runs the program to its end; when the limit is over, it is asked to exit, and then killed. */
   Result runFor(Duration limit) throws IOException {
-    return run(limit, true, false);
+    return run(Optional.of(limit), false);
   }
 
-  /** Runs the launcher until it calls the application's main, and kills it then. */
+  /** Runs the launcher until it calls the application's main, or the limit is over. */
   Result runToMain(Duration limit) throws IOException {
-    return run(limit, false, true);
+    return run(Optional.of(limit), true);
   }
 
-  private Result run(Duration limit, boolean showsSecondsLeft, boolean stopsAtMain)
-      throws IOException {
-    builder.directory(work.emptyFolder("current").toFile());
+  private Result run(Optional<Duration> limit, boolean stopsAtMain) throws IOException {
     Path logs = work.emptyFolder("logs");
     Path log = logs.resolve("kestrel-native.log");
-    builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.toString());
     Path output = work.path("output");
     Files.writeString(output, "");
+    builder.directory(work.emptyFolder("current").toFile());
+    builder.environment().put("KESTREL_NATIVE_LOG_DIR_OVERRIDE", logs.toString());
     builder.redirectOutput(Redirect.appendTo(output.toFile()));
     if (isVerbose) {
       Output.say("running " + String.join(" ", builder.command()));
     }
 
     Process process = work.start(builder);
-    long deadline = System.nanoTime() + limit.toNanos();
+    long start = System.nanoTime();
     boolean isEndedByLimit = false;
     while (!waitBriefly(process)) {
-      long left = deadline - System.nanoTime();
-      if (left < 0 && !isEndedByLimit) {
-        isEndedByLimit = true;
-        process.destroy();
-      } else if (left < -TIME_TO_EXIT.toNanos()) {
-        break;
-      } else if (stopsAtMain && CALLING_MAIN.matcher(FileTrees.read(log)).find()) {
+      if (stopsAtMain && CALLING_MAIN.matcher(FileTrees.readIfExists(log)).find()) {
         break;
       }
-      if (showsSecondsLeft) {
-        Output.showSecondsLeft(Math.max(TimeUnit.NANOSECONDS.toSeconds(left), 0));
+      if (limit.isPresent()) {
+        Duration left = limit.get().minusNanos(System.nanoTime() - start);
+        if (left.isNegative() && !isEndedByLimit) {
+          isEndedByLimit = true;
+          process.destroy();
+        } else if (left.plus(TIME_TO_EXIT).isNegative()) {
+          break;
+        } else if (!stopsAtMain) {
+          Output.showSecondsLeft(Math.max(left.toSeconds(), 0));
+        }
       }
       process.descendants().forEach(descendants::add);
       // An application that writes without end must not fill the disk.
@@ -116,12 +116,11 @@ final class Program {
         Files.writeString(output, "");
       }
     }
-    if (showsSecondsLeft) {
-      Output.hideSecondsLeft();
-    }
+    Output.hideSecondsLeft();
     kill(process);
-    Result result = new Result(
-        process.exitValue(), isEndedByLimit, FileTrees.read(output), FileTrees.read(log));
+    work.waitIfEnded(); // what a signal has ended says nothing about the program
+    Result result = new Result(process.exitValue(), isEndedByLimit,
+        FileTrees.readIfExists(output), FileTrees.readIfExists(log));
     if (isVerbose) {
       System.out.println(result.output + "exit status " + result.status);
     }
@@ -133,7 +132,7 @@ final class Program {
     try {
       boolean hasEnded = process.waitFor(20, TimeUnit.MILLISECONDS);
       if (hasEnded && process.exitValue() == INTERRUPTED) {
-        Thread.sleep(1000); // Ctrl-C is about to end this process, too
+        Thread.sleep(1000); // the same Ctrl-C is about to end this process, too
       }
       return hasEnded;
     } catch (InterruptedException e) {

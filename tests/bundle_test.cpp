@@ -25,7 +25,8 @@ struct Bundle : BundleFixture {
     setenv("MAKE", (bundler + " bundle kestrel" + target + " --runtime-image runtime").c_str(), 1);
     outputOf(R"(cd $ROOT; mkdir -p runtime/bin runtime/lib/server
       cp ')" SAMPLE_JAR R"(' app.jar; cp "$PROJECT/tests/scripted_runtime" kestrel
-      cp kestrel runtime/bin/java; echo 'JAVA_VERSION="25.0.1"' >runtime/release)");
+      cp kestrel runtime/bin/java; cp $BUILT_LAUNCHER runtime/lib/libjli.dylib
+      cp $BUILT_LAUNCHER runtime/lib/server/libjvm.so; echo 'JAVA_VERSION="25.0.1"' >runtime/release)");
   }
 
   // Runs a script in $ROOT. In its output, <root> stands for $ROOT, and <work> for the folder in
@@ -74,29 +75,33 @@ TEST_F(Bundle, RejectsWrongInput) {
       {"$CHECK --dest a:b", "the bundle's path must not contain a colon: <root>/a:b/out.app"},
       {"$CHECK --name other", "<root>/other.app exists and is not a bundle"},
       {"$CHECK --name linked", "<root>/linked.app is a link; remove it"},
-      {"$CHECK --name .x", "--name must be a file name without a colon and a leading point: .x"},
+      {"$CHECK --name .x",
+       "--name must be a file name that contains no colon and does not begin with a dot: .x"},
       {"$CHECK --app-version 1.2-beta",
-       "--app-version must be one to three numbers with points: 1.2-beta"},
+       "--app-version must be one to three numbers separated by dots: 1.2-beta"},
       {"$CHECK --icon kestrel", "--icon must be an .icns file: <root>/kestrel"},
       {"$CHECK --info-plist b.plist",
-       "<root>/b.plist is a binary property list; convert it with: plutil -convert xml1 "
+       "<root>/b.plist is a binary property list; convert it: plutil -convert xml1 "
        "<root>/b.plist"},
       {"$CHECK --info-plist x.plist", "<root>/x.plist must not contain CFBundleExecutable"},
       {"$CHECK --env A=1 --env A=2", "the variable A is given twice"},
       {"$CHECK --app-content notes",
-       "<root>/notes/linux.so is native code; name it as an ITEM instead"},
+       "<root>/notes/linux.so is native code, which only an ITEM *.so, *.dylib or *.jnilib may "
+       "contain"},
       {"$CHECK nosuch", "<root>/nosuch does not exist"},
       {"$CHECK kestrel",
        "<root>/kestrel is neither a jar, nor a native library, nor a folder; --app-content takes "
        "other files"},
       {"$CHECK A.app", "no jar or native library in <root>/A.app"},
       {"$CHECK linux.so",
-       "<root>/linux.so contains x86_64 code for Linux, but the bundle needs x86_64 code for Macs"},
-      {"$CHECK cut.jar", "<root>/cut.jar is not a jar or is truncated: zip END header not found"},
-      {"$CHECK a:b.jar", "<root>/a:b.jar does not exist"},
+       "<root>/linux.so contains x86_64 code for Linux, but the bundle is for x86_64 code for "
+       "Macs; --arch chooses the processor"},
+      {"$CHECK cut.jar", "<root>/cut.jar is not a jar or is damaged: zip END header not found"},
+      {"cp app.jar a:b.jar; $CHECK a:b.jar",
+       "a file's name must not contain a colon: <root>/a:b.jar"},
       {"$CHECK twice", "two files have the same name: <root>/app.jar and <root>/twice/App.jar"},
       {"cp app.jar b.jar; $CHECK b.jar",
-       "more than one jar contains " + entry + ": [<root>/app.jar, <root>/b.jar]"},
+       "more than one jar contains " + entry + ": <root>/app.jar, <root>/b.jar"},
       {"$BUNDLER macos - --dest . empty.jar main.jar",
        "no jar contains " + entry +
            "; name the application's main class with --main-class org.acme.Main"},
@@ -105,18 +110,20 @@ TEST_F(Bundle, RejectsWrongInput) {
       {"$BUNDLER macos - --dest . main.jar --main-class App",
        "no jar contains the class of --main-class App"},
       {"$CHECK --runtime-image mac",
-       "<root>/mac/lib/libjli.dylib must contain x86_64 code for Macs, but contains arm64 code for "
+       "<root>/mac/lib/libjli.dylib contains arm64 code for Macs, but the bundle is for x86_64 "
+       "code for "
        "Macs; --arch chooses the processor"},
       {"$BUNDLER bundle - --dest . --record-seconds 1x app.jar",
        "--record-seconds must be a number from 1 to 99999: 1x"},
       {"$MAKE --info-plist cut.plist app.jar",
-       "<root>/cut.plist is not XML: XML document structures must start and end within the same "
+       "<root>/cut.plist cannot be read: XML document structures must start and end within the "
+       "same "
        "entity."},
-      {"mkfifo runtime/pipe; $MAKE app.jar",
-       "<root>/runtime/pipe is neither a file, nor a folder, nor a link"},
-      {"rm runtime/pipe; ln -s $ROOT runtime/out; $MAKE app.jar",
-       "<root>/runtime/out is a link to a folder that contains it"},
-      {"$MAKE_MAC --dest A.app/new --app-content A.app app.jar",
+      {"mkfifo pipe; $MAKE_MAC --app-content pipe app.jar",
+       "<root>/pipe is neither a file, nor a folder, nor a link"},
+      {"ln -s $ROOT runtime/bin/out; $MAKE app.jar",
+       "<root>/runtime/bin/out is a link to a folder that contains it"},
+      {"mkdir c; ln -s ../A.app c/l; $MAKE_MAC --dest A.app/new --app-content c app.jar",
        "<root>/A.app contains the folder in which the bundle is made"},
   };
   for (const Case& expected : cases) {
@@ -147,12 +154,13 @@ TEST_F(Bundle, RejectsWrongUseBeforeAnythingIsBuilt) {
     EXPECT_EQ(process.output, expected.message + "\n");
   }
   EXPECT_FALSE(fs::exists(root + "/checkout/build"));
+  EXPECT_EQ(runHere("checkout/dev macos --name several --help").ending, exited(0));
   const Process process = runHere("$MAKE --no-archive app.jar -- x");
   EXPECT_EQ(process.ending, exited(2)) << process;
 }
 
 TEST_F(Bundle, IsCompleteAndReadableForAll) {
-  outputOf(R"(umask 077; cd $ROOT; mkdir -p items/sub data; cp app.jar items; touch data/words
+  outputOf(R"(umask 077; cd $ROOT; mkdir -p items/sub data; cp app.jar items; touch data/words.diz
       printf '\312\376\272\276\0\0\0\2' >items/a.dylib; touch items/notes.txt items/.DS_Store
       printf icns >app.icns
       cat >more.plist <<'XML'
@@ -170,8 +178,8 @@ XML
       --app-content data --runtime-image mac)");
   EXPECT_EQ(
       made.output,
-      R"(bundle: warning: left out, since they are neither jars nor native libraries: [<root>/items/notes.txt, <root>/items/sub]
-bundle: warning: left out, since they are links to nothing: [<root>/mac/Contents/Home/lib/broken]
+      R"(bundle: warning: left out, since they are neither jars nor native libraries: <root>/items/notes.txt, <root>/items/sub
+bundle: warning: left out, since they are links to nothing: <root>/mac/Contents/Home/lib/broken
 bundle: the bundle is <root>/A & B.app
 bundle: every launch from a terminal needs these variables: NORVALED_JVM_ARGS='-Da=b -Dc -Dd' E='f' B='< '
 )");
@@ -179,7 +187,7 @@ bundle: every launch from a terminal needs these variables: NORVALED_JVM_ARGS='-
 MacOS/a.dylib
 MacOS/kestrel
 Resources/app.icns
-Resources/data/words
+Resources/data/words.diz
 jre/Contents/Home/lib/certificates
 jre/Contents/Home/lib/libjli.dylib
 jre/Contents/Home/lib/link
@@ -218,27 +226,26 @@ TEST_F(Bundle, WarnsOfWhatMayNotBeIntended) {
       "bundle: warning: the manifest of <root>/a.jar names in its Class-Path what is not in the "
       "bundle: other.jar\n"
       "bundle: warning: a.jar and b.jar contain different classes of one name, such as B.class; "
-      "which of them is used is not defined\n");
+      "the order of the class path decides, which is not defined\n");
 }
 
 TEST_F(Bundle, PreparesItsRuntime) {
   const Process process =
       replaceBundle(R"(touch file; export CLASSPATH=x NORVALED_DEBUG_PORT=1 SCRIPT='
       record() {
-        printf "%s\n" java/lang/Object "M id: 2 super: 1 source: /x.jar" "half a li" >"$list"
-        truncate -s -1 "$list"
+        printf "java/lang/Object\nM id: 2 super: 1 source: /x.jar\nhalf a li" >"$list"
         touch relative "$(dirname "$0")/left"
       }';)",
                     "app.jar --java-options -Da=b -- 'a b' file");
   EXPECT_EQ(
       process.output,
       R"(bundle: warning: the application does not run in this folder, so it may not find file; give it <root>/file
-bundle: your variables [CLASSPATH, NORVALED_DEBUG_PORT] have no effect here; see --env and --java-options
+bundle: these variables of yours have no effect on the bundle (see --env and --java-options): CLASSPATH, NORVALED_DEBUG_PORT
 bundle: recording the loaded classes, for 20 s or until the application exits
 bundle: the application exited with status 0
 bundle: writing the class archive
 bundle: archive in use: application.jsa, 0 MiB, without linked classes
-bundle: warning: the application has left Contents/jre/Contents/Home/bin/left in its bundle; it is removed
+bundle: warning: removed what the application has left in its bundle: Contents/jre/Contents/Home/bin/left
 bundle: the bundle is <root>/out.app
 bundle: every launch needs these variables: NORVALED_JVM_ARGS='-Da=b'
 )");
@@ -288,22 +295,24 @@ TEST_F(Bundle, SetsTheSwitchForAnOldRuntime) {
 }
 
 TEST_F(Bundle, KeepsTheEarlierOneAfterAFailure) {
+  const std::string remedy = "--no-archive makes a bundle without launching it.\n";
   struct Case {
     std::string script, words, message;  // what the user is told at the end
   };
   const std::vector<Case> cases = {
       {"call_main() { echo no; exit 1; }", "app.jar",
-       "bundle: the application does not start:\n    no\n"},
+       "bundle: the application does not start:\n    no\n" + remedy},
       {R"(record() { echo 'Exception in thread "main" E: x'; echo ' at a.b'; exit 1; })", "app.jar",
        "bundle: the application fails while it is recorded:\n"
-       "    Exception in thread \"main\" E: x\n     at a.b\n"},
-      {R"(record() { echo x | tee "$list" >"$(dirname "$0")/../lib/x"; })", "app.jar",
+       "    Exception in thread \"main\" E: x\n     at a.b\n" +
+           remedy},
+      {R"(record() { echo x >"$list"; rm "$(dirname "$0")/../lib/x"; })", "app.jar",
        "bundle: the application has changed Contents/jre/Contents/Home/lib/x in its bundle, which "
        "would break a signature; --no-archive makes a bundle without launching it\n"},
-      {"dump() { echo No space left; exit 1; }", "app.jar", "MiB):\n    No space left\n"},
+      {"dump() { echo No space left; exit 1; }", "app.jar", "MiB):\n    No space left\n" + remedy},
       {"prove() { echo Error: no use; echo 'OpenJDK warning: x'; exit 1; }",
        "app.jar -- 'JVM calling main'",
-       "bundle: the JVM does not use its archive:\n    Error: no use\n"},
+       "bundle: the JVM does not use its archive:\n    Error: no use\n" + remedy},
       {"prove() { mapped=$ROOT/other.jsa; call_main; }", "app.jar",
        "bundle: the JVM uses <root>/other.jsa in place of the bundle's own archive; is "
        "-XX:SharedArchiveFile in the options?\n"},
@@ -402,7 +411,7 @@ mkdir -p modules/sealed/box modules/missing jars
 cat >App.java <<'END'
 import java.io.*;
 import java.net.*;
-class Base {
+public class App {
   public static void main(String[] args) throws Exception {
     URL[] jar = {new File(args[0]).toURI().toURL()};
     ClassLoader loader = new URLClassLoader(jar, App.class.getClassLoader());
@@ -420,8 +429,7 @@ class Base {
   }
   static int depth(int n) { return n == 0 ? 0 : 1 + depth(n - 1); }
 }
-public class App extends Base {}
-class Hidden extends App {}
+class Hidden extends App { static { System.out.println("code of Hidden"); } }
 END
 echo 'public class PlugIn extends App { public String toString() { return "plug-in code"; } }' >PlugIn.java
 cat >modules/sealed/module-info.java <<'END'
@@ -480,8 +488,9 @@ code that outlives main
   const Process byReflection =
       runHere(launch + "exec $PWD/hidden.app/Contents/MacOS/kestrel $PWD/plug-in.jar 'code is 1'");
   EXPECT_EQ(byReflection.ending, exited(1));
-  EXPECT_EQ(linesWith(byReflection.output, "on main|code is"),
-            "code on main 9000\nException in thread \"main\" java.io.IOException: code is 1\n");
+  EXPECT_EQ(linesWith(byReflection.output, "Hidden|on main|code is"),
+            "code of Hidden\ncode on main 9000\nException in thread \"main\" java.io.IOException: "
+            "code is 1\n");
   EXPECT_EQ(runHere(launch + "exec moved*/Kestrel.app/Contents/MacOS/kestrel").ending, exited(104))
       << "by a relative path the JVM finds no classes, as without an archive";
 }

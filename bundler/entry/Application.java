@@ -4,15 +4,16 @@ import java.lang.reflect.InvocationTargetException;
 import java.lang.reflect.Method;
 
 /**
- * Stands for the application's class. The bundler replaces either the name of this class in
- * NativeLauncher, or the text in this class: then a main is called that is not accessible otherwise.
+ * Calls a main that NativeLauncher cannot call. The bundler replaces the texts in capitals, or it
+ * does without this class and puts the name of the application's class into NativeLauncher.
  */
 final class Application {
   private Application() {}
 
   static void main(String[] arguments) {
     try {
-      Method main = mainOf(Class.forName("the name of the application's class"));
+      Class.forName("MAIN CLASS"); // which initialises it
+      Method main = Class.forName("DECLARING CLASS").getDeclaredMethod("main", String[].class);
       main.setAccessible(true);
       main.invoke(null, (Object) arguments);
     } catch (InvocationTargetException e) {
@@ -20,17 +21,6 @@ final class Application {
     } catch (ReflectiveOperationException e) {
       throw new LinkageError(e.getMessage(), e);
     }
-  }
-
-  private static Method mainOf(Class<?> type) throws NoSuchMethodException {
-    for (Class<?> declaring = type; declaring != null; declaring = declaring.getSuperclass()) {
-      try {
-        return declaring.getDeclaredMethod("main", String[].class);
-      } catch (NoSuchMethodException e) {
-        // a superclass has it
-      }
-    }
-    throw new NoSuchMethodException("main");
   }
 
   /** Throws any exception as it is, where Java allows none that is checked. */

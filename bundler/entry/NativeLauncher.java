@@ -9,7 +9,7 @@ public final class NativeLauncher implements Runnable {
   private static final long STACK_SIZE = 8 << 20; // bytes
 
   private final String[] arguments;
-  private volatile boolean hasReturned = false; // main, without an exception
+  private boolean isSuccess = false;
 
   private NativeLauncher(String[] arguments) {
     this.arguments = arguments;
@@ -26,14 +26,14 @@ public final class NativeLauncher implements Runnable {
     for (Thread thread = main; thread != null; thread = runningThread()) {
       thread.join();
     }
-    System.exit(application.hasReturned ? 0 : 1);
+    System.exit(application.isSuccess ? 0 : 1);
   }
 
   /** On the thread main: an exception that leaves it is printed as for every other thread. */
   @Override
   public void run() {
     Application.main(arguments);
-    hasReturned = true;
+    isSuccess = true;
   }
 
   /** A thread that is no daemon, other than the current one, or null. */
