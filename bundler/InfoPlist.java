@@ -168,7 +168,8 @@ final class InfoPlist {
           && keys.put(content.get(i).getTextContent(), content.get(i + 1)) == null;
     }
     if (!isValid) {
-      throw new UserError(file + " is not a property list: each key must be there once, and have a value");
+      throw new UserError(
+          file + " is not a property list: each key must be there once, and have a value");
     }
     return keys;
   }

@@ -39,7 +39,7 @@ final class WorkFolder implements Closeable {
   private final FolderLock lock;
   private final Path run;
   private boolean isPlaced = false;
-  private boolean isClosed = false;
+  private boolean isOpen = false;
   private boolean isEndedBySignal = false;
 
   /** @param target a path whose parent exists and is real */
@@ -47,19 +47,31 @@ final class WorkFolder implements Closeable {
     this.target = target;
     folder = target.resolveSibling("." + target.getFileName() + ".work");
     lockFile = folder.resolve(LOCK);
-    try {
-      makeFolder();
-      lock = new FolderLock(lockFile);
-    } catch (FolderLock.InUseException | NoSuchFileException e) {
-      throw new UserError("another process is making " + target.getFileName());
-    }
-    for (Path leftover : FileTrees.entries(folder)) {
-      if (!leftover.equals(lockFile)) {
-        cleanUp(leftover);
+    synchronized (this) { // a signal waits until the folder is made
+      cleanUpOnExit();
+      try {
+        makeFolder();
+        lock = new FolderLock(lockFile);
+      } catch (FolderLock.InUseException | NoSuchFileException e) {
+        throw new UserError("another process is making " + target.getFileName());
       }
+      for (Path leftover : FileTrees.entries(folder)) {
+        if (!leftover.equals(lockFile)) {
+          cleanUp(leftover);
+        }
+      }
+      run = Files.createTempDirectory(folder, RUN);
+      isOpen = true;
     }
-    run = Files.createTempDirectory(folder, RUN);
-    Runtime.getRuntime().addShutdownHook(new Thread(this::onExit));
+  }
+
+  private void cleanUpOnExit() {
+    try {
+      Runtime.getRuntime().addShutdownHook(new Thread(this::onExit));
+    } catch (IllegalStateException e) { // a signal is already ending this process
+      isEndedBySignal = true;
+      waitIfEnded();
+    }
   }
 
   private void makeFolder() throws IOException {
@@ -156,7 +168,7 @@ final class WorkFolder implements Closeable {
   }
 
   private synchronized void onExit() {
-    if (!isClosed) {
+    if (isOpen) {
       isEndedBySignal = true;
       endChildren();
       deleteFolder();
@@ -168,7 +180,7 @@ final class WorkFolder implements Closeable {
 
   /** As far as possible. */
   private void deleteFolder() {
-    isClosed = true;
+    isOpen = false;
     try {
       // A copy that a signal has interrupted cannot add anything under the new name.
       Path ended = run.resolveSibling(run.getFileName() + "-ended");
