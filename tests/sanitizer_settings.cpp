@@ -1,9 +1,6 @@
 // Settings for the sanitizers, linked into every program that is built with them.
 extern "C" {
 
-// The options are leaked on purpose if the JVM cannot be created.
-const char* __lsan_default_suppressions() { return "leak:KestrelJVMHost::startJVM"; }
-
 // The C library protects its time zone by a lock that the thread sanitizer does not see.
 const char* __tsan_default_suppressions() { return "called_from_lib:libc.so.6"; }
 
