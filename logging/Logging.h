@@ -16,17 +16,16 @@
 // dropped. No exception leaves the destructor: one raised inside ends the process.
 class DumpLoggerBuilder {
  public:
-  // The level is ignored on purpose: every record is emitted, and shown as INFO.
+  // The level is ignored, as intended: every record is emitted, and shown as INFO.
   enum LOG_LEVEL { DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
-  // cppcheck-suppress noExplicitConstructor; on purpose
-  DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
+  explicit DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
   DumpLoggerBuilder(const DumpLoggerBuilder&) = delete;
   DumpLoggerBuilder& operator=(const DumpLoggerBuilder&) = delete;
   ~DumpLoggerBuilder();
 
   // Each appends one blank, then the piece. A piece that already begins or ends with a blank
-  // therefore gives a double blank, on purpose.
+  // therefore gives a double blank, as intended.
   DumpLoggerBuilder& operator<<(const char* text);
   DumpLoggerBuilder& operator<<(const std::string& text);
   DumpLoggerBuilder& operator<<(int value);
@@ -44,7 +43,7 @@ class DumpLoggerBuilder {
   (DumpLoggerBuilder(DumpLoggerBuilder::level) << (function)).nop()
 
 // Logs `message` at level ERROR, then calls exit(exitCode), which runs the exit handlers. May be
-// called on any thread. The third parameter has no effect, on purpose.
+// called on any thread. The third parameter has no effect, as intended.
 [[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool);
 
 // Sets up the native log and appends its banner. Called once, before any other thread exists. If
