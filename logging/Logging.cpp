@@ -118,7 +118,7 @@ DumpLoggerBuilder& DumpLoggerBuilder::operator<<(int value) {
   return *this << std::to_string(value);
 }
 
-void reportFatalAndExit(const std::string& message, int exitCode, bool) {
+void reportFatalAndExit(const std::string& message, int exitCode, bool /*unused*/) {
   LOG_RECORD(ERROR, "reportFatalAndExit") << message;
   std::exit(exitCode);
 }

@@ -44,7 +44,7 @@ class DumpLoggerBuilder {
 
 // Logs `message` at level ERROR, then calls exit(exitCode), which runs the exit handlers. May be
 // called on any thread. The third parameter has no effect, as intended.
-[[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool);
+[[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool /*unused*/);
 
 // Sets up the native log and appends its banner. Called once, before any other thread exists. If
 // `console` is true, records go to standard error as well; false does not turn that off. If the log

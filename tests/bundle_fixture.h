@@ -83,7 +83,8 @@ struct Process {
   }
 };
 
-extern "C" char** environ;  // not declared by Apple's headers
+// NOLINTNEXTLINE(readability-redundant-declaration): Apple's headers do not declare it.
+extern "C" char** environ;
 
 class BundleFixture : public testing::Test {
  protected:

@@ -91,7 +91,7 @@ const JNINativeInterface_ environmentFunctions = [] {
 }();
 JNIEnv environment{&environmentFunctions};
 
-jint attach(JavaVM*, void** env, void*) {
+jint attach(JavaVM* /*vm*/, void** env, void* /*arguments*/) {
   *env = &environment;
   return scriptedCode("attach");
 }

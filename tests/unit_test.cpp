@@ -41,10 +41,10 @@ void CFRunLoopAddTimer(CFRunLoopRef /*loop*/, CFRunLoopTimerRef /*timer*/, CFRun
 
 // The system's would wait forever. This returns every result once, kCFRunLoopRunFinished last.
 CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
-                                      Boolean afterSource) {
+                                      Boolean returnAfterSourceHandled) {
   EXPECT_EQ(mode, kCFRunLoopDefaultMode);
   EXPECT_EQ(seconds, std::numeric_limits<double>::max());
-  EXPECT_FALSE(afterSource);
+  EXPECT_FALSE(returnAfterSourceHandled);
   return static_cast<CFRunLoopRunResult>(kCFRunLoopRunHandledSource - runs++);
 }
 
