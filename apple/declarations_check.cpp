@@ -3,7 +3,6 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <objc/runtime.h>
 
-#include <cstddef>
 #include <type_traits>
 #ifdef __OBJC__
 #import <Foundation/Foundation.h>
@@ -19,7 +18,6 @@ SAME(CFTimeInterval, double);
 SAME(std::underlying_type_t<CFRunLoopRunResult>, int);
 static_assert(kCFRunLoopRunFinished == 1 && kCFRunLoopRunStopped == 2);
 static_assert(kCFRunLoopRunTimedOut == 3 && kCFRunLoopRunHandledSource == 4);
-static_assert(offsetof(CFRunLoopTimerContext, info) == 8 && sizeof(CFRunLoopTimerContext) == 40);
 SAME(decltype(kCFAllocatorDefault), const CFAllocatorRef);
 SAME(decltype(kCFRunLoopDefaultMode), const CFStringRef);
 SAME(decltype(CFRelease), void(const void*));

@@ -6,7 +6,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   jthrowable exception = env->ExceptionOccurred();
   if (exception == nullptr) return false;
 
-  // The exception stays pending until its stack trace has been printed, on purpose.
+  // It stays pending during the look-ups, so that one that fails leaves it pending, as intended.
   jclass throwableClass = env->FindClass("java/lang/Throwable");
   if (throwableClass == nullptr) {
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable class";
@@ -14,7 +14,7 @@ bool checkFailureAndLog(JNIEnv* env) {
   }
   jmethodID printStackTrace = env->GetMethodID(throwableClass, "printStackTrace", "()V");
   if (printStackTrace == nullptr) {
-    // A method is missing, not a class; the wording is kept on purpose.
+    // The text is intended, though it is a method that is missing.
     LOG_RECORD(ERROR, "checkFailureAndLog") << "Failed to find Throwable#printStackTrace class";
     return true;
   }

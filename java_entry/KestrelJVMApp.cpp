@@ -13,15 +13,6 @@ constexpr char ENTRY_DESCRIPTOR[] = "([Ljava/lang/String;)V";
 // The status that main yields if the Java side could not be started.
 constexpr int JAVA_SIDE_NOT_STARTED = 2;
 
-enum Failure {
-  ATTACH_FAILED = 103,
-  CLASS_NOT_FOUND_WITH_EXCEPTION = 104,
-  CLASS_NOT_FOUND = 105,
-  METHOD_NOT_FOUND = 106,
-  ENTRY_FAILED = 107,
-  ENTRY_THREW = 108,
-};
-
 // Exceptions raised here stay pending and are reported after the call to main.
 jobjectArray toJavaStrings(JNIEnv* env, int argc, char** argv) {
   jclass stringClass = env->FindClass("java/lang/String");

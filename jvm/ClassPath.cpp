@@ -25,10 +25,7 @@ std::string collectJars(const std::string& dir) {
   return classPath;
 }
 
-bool endsWith(const std::string& s, const std::string& suffix) {
-  return s.size() >= suffix.size() &&
-         s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
+bool endsWith(const std::string& s, const std::string& suffix) { return s.ends_with(suffix); }
 
 std::string string_replace(std::string s, const std::string& from, const std::string& to) {
   if (from.empty()) return s;

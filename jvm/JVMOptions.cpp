@@ -4,8 +4,8 @@
 #include <cstring>
 
 char* to_c_str(const std::string& s) {
-  auto* block = static_cast<char*>(malloc(s.size() + 1));
-  if (block != nullptr) memcpy(block, s.c_str(), s.size() + 1);
+  auto* block = static_cast<char*>(std::malloc(s.size() + 1));
+  if (block != nullptr) std::memcpy(block, s.c_str(), s.size() + 1);
   return block;
 }
 

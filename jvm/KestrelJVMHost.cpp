@@ -1,5 +1,6 @@
 #include "jvm/KestrelJVMHost.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +27,7 @@ using CreateJavaVM = jint (*)(JavaVM** vm, void** env, void* args);
 // text, even if the log gets only its beginning.
 int jvm_vprintf(FILE* /*stream*/, const char* format, va_list arguments) {
   char text[1024] = {};
-  // Less than the buffer can hold, on purpose: its last bytes stay zero.
+  // Less than the buffer can hold, so that its last bytes stay zero.
   const int length = vsnprintf(text, 1020, format, arguments);
   LOG_RECORD(INFO, "jvm_vprintf") << "JVM: " << text;
   return length;
@@ -91,7 +92,20 @@ std::string describe(const JVMOptions& options) {
 
 }  // namespace
 
-// The path is passed by value on purpose, though nothing here changes it.
+void* KestrelJVMHost::resolveJNICreateFunction() {
+  const std::string path =
+      OS::getApplicationInstallDir() + "/../jre/Contents/Home/lib/libjli.dylib";
+  LOG_RECORD(INFO, "resolveJNICreateFunction") << "Loading JLI library from" << path;
+
+  void* library = dlopen(path.c_str(), RTLD_LAZY);
+  if (library == nullptr) {
+    LOG_RECORD(WARN, "resolveJNICreateFunction") << "Cannot load " << path << ": " << dlerror();
+    return nullptr;
+  }
+  return dlsym(library, "JNI_CreateJavaVM");
+}
+
+// The declared interface is by value, though nothing here changes the path.
 // cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
@@ -110,7 +124,7 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   addDebugPortOption(options);
   addEnvironmentOptions(options);
   addClassPathOptions(options);
-  addTuningOptions(options, computeStackSizeOpt);
+  addTuningOptions(options, computeStackSizeOpt());
   addDiagnosticsOptions(options);
   LOG_RECORD(INFO, "startJVM") << "JVM Args:" << describe(options);
 
@@ -125,12 +139,12 @@ JavaVM* KestrelJVMHost::startJVM(std::string argsFilePath) {
   void* env = nullptr;  // unused: the caller attaches the thread again
   const jint code = createJavaVM(&vm, &env, &initArgs);
   if (code != JNI_OK) {
-    // Despite the words, the caller exits. They are kept on purpose, and so is the line break,
-    // which leaves an empty line in the log.
+    // The text is intended, though it is the caller that exits, and so is the empty line that the
+    // line break leaves in the log.
     LOG_RECORD(ERROR, "startJVM") << "Error creating VM: code=" << code << ". Exiting...\n";
-    return nullptr;  // the strings stay allocated, on purpose: the process is about to end
+    return nullptr;  // the strings stay allocated, as intended: the process is about to end
   }
-  for (const JavaVMOption& option : options) free(option.optionString);
+  for (const JavaVMOption& option : options) std::free(option.optionString);
   LOG_RECORD(INFO, "startJVM") << "Java Virtual Machine is created!";
   return vm;
 }

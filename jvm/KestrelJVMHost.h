@@ -10,8 +10,8 @@ class KestrelJVMHost {
  public:
   // Creates the JVM; the calling thread becomes one of its threads. `argsFilePath` names a file
   // with one JVM option per line; an empty string means no file. If the JVM cannot be created, logs
-  // the reason and returns null; the option strings are then leaked on purpose, since the process
-  // is about to end. Called once.
+  // the reason and returns null; the option strings then stay allocated, since the process is about
+  // to end. Called once.
   static JavaVM* startJVM(std::string argsFilePath);
 
   // Returns JNI_CreateJavaVM from the runtime's launcher library, which then stays loaded. Returns

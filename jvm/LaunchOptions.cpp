@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <locale>
 #include <sstream>
 
 #include "logging/Logging.h"
@@ -55,6 +54,5 @@ void addEnvironmentOptions(JVMOptions& options) {
 
   LOG_RECORD(INFO, "startJVM") << "Adding JVM args from NORVALED_JVM_ARGS: " << value;
   std::istringstream words(value);
-  words.imbue(std::locale::classic());
   for (std::string word; words >> word;) addOption(options, word);
 }

@@ -1,13 +1,3 @@
-// Environment variables and the option groups that they switch:
-//
-//   KESTREL_AGGRESSIVE_OPTIMIZATIONS  on unless "0"   COMPILER_AND_METADATA; with G1 also G1_EXTRAS
-//   KESTREL_GC_FORCE_SERIAL_GC        off unless "1"  SERIAL_GC, whatever the next one says
-//   KESTREL_GC_FORCE_PARALLEL_GC      off unless "1"  PARALLEL_GC (G1_GC if neither is on)
-//   KESTREL_GC_AGGRESSIVE_RECLAIM     on unless "0"   RECLAIM, with every collector
-//   KESTREL_GC_MAX_PAUSE_MILLIS       100 unless set  the pause-time goal, with every collector
-//
-// Only the first character counts; words are not understood, on purpose: "false" leaves on what is
-// on by default, and "true" leaves off what is off by default.
 #include "jvm/TuningOptions.h"
 
 #include <cstdlib>
@@ -55,10 +45,10 @@ constexpr OptionGroup RECLAIM = {
     "-XX:-ShrinkHeapInSteps",
 };
 
-bool isOn(const char* value, bool byDefault) {
-  if (value == nullptr) return byDefault;
-  return byDefault ? value[0] != '0' : value[0] == '1';
-}
+// Only the first character of a variable counts. Words are not understood, as intended: "false"
+// leaves on what is on by default, and "true" leaves off what is off by default.
+bool isOnByDefault(const char* value) { return value == nullptr || value[0] != '0'; }
+bool isForced(const char* value) { return value != nullptr && value[0] == '1'; }
 
 void addGroup(JVMOptions& options, OptionGroup group) {
   for (const char* option : group) addOption(options, option);
@@ -67,9 +57,9 @@ void addGroup(JVMOptions& options, OptionGroup group) {
 void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
   const char* forceSerial = std::getenv("KESTREL_GC_FORCE_SERIAL_GC");
   const char* forceParallel = std::getenv("KESTREL_GC_FORCE_PARALLEL_GC");
-  if (isOn(forceSerial, false)) {
+  if (isForced(forceSerial)) {
     addGroup(options, SERIAL_GC);
-  } else if (isOn(forceParallel, false)) {
+  } else if (isForced(forceParallel)) {
     addGroup(options, PARALLEL_GC);
   } else {
     addGroup(options, G1_GC);
@@ -79,18 +69,19 @@ void addCollector(JVMOptions& options, bool aggressiveOptimizations) {
 
 }  // namespace
 
-void addTuningOptions(JVMOptions& options, std::string (*stackSizeOption)()) {
+void addTuningOptions(JVMOptions& options, const std::string& stackSizeOption) {
   addGroup(options, DESKTOP);
   options.insert(options.begin(), makeOpt(to_c_str(MAX_HEAP)));
   addOption(options, INITIAL_HEAP);
-  addOption(options, stackSizeOption());
+  addOption(options, stackSizeOption);
   addGroup(options, BASE);
 
-  const bool aggressiveOptimizations = isOn(std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS"), true);
+  const bool aggressiveOptimizations =
+      isOnByDefault(std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS"));
   if (aggressiveOptimizations) addGroup(options, COMPILER_AND_METADATA);
   addGroup(options, RENDERING);
   addCollector(options, aggressiveOptimizations);
-  if (isOn(std::getenv("KESTREL_GC_AGGRESSIVE_RECLAIM"), true)) addGroup(options, RECLAIM);
+  if (isOnByDefault(std::getenv("KESTREL_GC_AGGRESSIVE_RECLAIM"))) addGroup(options, RECLAIM);
 
   // Passed on unchanged; the JVM rejects an invalid value.
   const char* maxPause = std::getenv("KESTREL_GC_MAX_PAUSE_MILLIS");

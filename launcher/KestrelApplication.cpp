@@ -8,11 +8,8 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <vector>
 
 #include "java_entry/KestrelJVMApp.h"
 #include "jvm/KestrelJVMHost.h"
@@ -50,17 +47,14 @@ static int run(int argc, char** argv) {
   constexpr int NOT_STARTED = 255;
   constexpr int CANNOT_CREATE_JVM = 53;
 
-  std::vector<std::string_view> arguments;
-  arguments.reserve(argc);
-  for (int i = 0; i < argc; ++i) arguments.emplace_back(argv[i]);
   std::string jvmArgsFilePath;  // stays empty: this launcher reads no options file
 
   initialize_logging(false);
   setsid();  // a process group leader cannot; that is fine
 
-  std::ostringstream argumentText;
-  for (std::size_t i = 1; i < arguments.size(); ++i) argumentText << arguments[i] << " ";
-  LOG_RECORD(INFO, "run") << "Program arguments: " << argumentText.str();
+  std::string argumentText;
+  for (int i = 1; i < argc; ++i) argumentText.append(argv[i]).append(" ");
+  LOG_RECORD(INFO, "run") << "Program arguments: " << argumentText;
 
   std::atomic<std::int32_t> launchResult{NOT_STARTED};
   std::atomic<bool> exitAfterStartup{false};
@@ -68,31 +62,27 @@ static int run(int argc, char** argv) {
   // must exit, not enter the run loop.
   exitAfterStartup = true;
 
-  {
-    std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
-      int result = NOT_STARTED;  // until the entry has returned one
-      JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
-      if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
+  std::thread jvmThread([&jvmArgsFilePath, argc, &argv, &launchResult, &exitAfterStartup] {
+    JavaVM* vm = KestrelJVMHost::startJVM(jvmArgsFilePath);
+    if (vm == nullptr) reportFatalAndExit("Failed to start JVM", CANNOT_CREATE_JVM, true);
 
-      LOG_RECORD(INFO, "operator()") << "JVM calling main";
-      // cppcheck-suppress redundantInitialization
-      result = KestrelJVMApp::callMainMethod(vm, argc, argv);
-      LOG_RECORD(INFO, "operator()") << "JVM main ended";
+    LOG_RECORD(INFO, "operator()") << "JVM calling main";
+    const int result = KestrelJVMApp::callMainMethod(vm, argc, argv);
+    LOG_RECORD(INFO, "operator()") << "JVM main ended";
 
-      if (result == 0) {
-        LOG_RECORD(INFO, "operator()") << "JVM started successfully";
-        launchResult = 0;
-      } else if (result == 1) {
-        LOG_RECORD(INFO, "operator()") << "JVM exit after startup is set, exiting";
-        launchResult = 0;
-        exitAfterStartup = true;
-      }
-      if (result < 2) return;  // a negative result leaves launchResult at NOT_STARTED
-      reportFatalAndExit("Failed to initialize Kestrel JVM application: " + std::to_string(result),
-                         result, true);
-    });
-    jvmThread.join();
-  }
+    if (result == 0) {
+      LOG_RECORD(INFO, "operator()") << "JVM started successfully";
+      launchResult = 0;
+    } else if (result == 1) {
+      LOG_RECORD(INFO, "operator()") << "JVM exit after startup is set, exiting";
+      launchResult = 0;
+      exitAfterStartup = true;
+    }
+    if (result < 2) return;  // a negative result leaves launchResult as it is
+    reportFatalAndExit("Failed to initialize Kestrel JVM application: " + std::to_string(result),
+                       result, true);
+  });
+  jvmThread.join();
 
   if (launchResult != 0) exitAfterStartup = true;
   if (exitAfterStartup) return launchResult;

@@ -14,6 +14,7 @@
 namespace {
 
 // Written once by initialize_logging(), before any other thread exists; only read afterwards.
+// Buffers and not strings: the JVM's threads may still log when exit() destroys static objects.
 char logPrefix[1024] = "NOT INITIALIZED";
 char logFile[2048] = "";
 char logsDir[2048] = "";
@@ -21,7 +22,7 @@ bool logsDirInitialized = false;
 bool isFileLoggingEnabled = false;
 bool isConsoleLoggingEnabled = false;
 
-// The number of records being emitted now. The name says "massage" on purpose.
+// The number of records being emitted now. The spelling is intended.
 std::atomic<std::int32_t> massage_handler_logging{0};
 
 // Every record shows this level, whatever its own.
@@ -38,14 +39,11 @@ std::string format_log_message(const std::string& message) {
   localtime_r(&now, &local);
   char timeText[100];
   const std::size_t length = std::strftime(timeText, sizeof timeText, "%F %T", &local);
-  // Not milliseconds but the last three digits of the Unix time in seconds, on purpose.
+  // Not milliseconds but the last three digits of the Unix time in seconds, as intended.
   std::snprintf(timeText + length, sizeof timeText - length, ".%03d",
                 static_cast<std::int32_t>(now) % 1000);
 
-  std::string line;
-  line.reserve(sizeof timeText + sizeof LINE_TAG + message.size());
-  line.append(logPrefix).append(timeText).append(LINE_TAG).append(message).append("\n");
-  return line;
+  return std::string(logPrefix) + timeText + LINE_TAG + message + "\n";
 }
 
 bool write_message_to_file(const std::string& line) {
@@ -120,7 +118,7 @@ DumpLoggerBuilder& DumpLoggerBuilder::operator<<(int value) {
   return *this << std::to_string(value);
 }
 
-void reportFatalAndExit(const std::string& message, int exitCode, bool) {
+void reportFatalAndExit(const std::string& message, int exitCode, bool /*unused*/) {
   LOG_RECORD(ERROR, "reportFatalAndExit") << message;
   std::exit(exitCode);
 }

@@ -16,17 +16,16 @@
 // dropped. No exception leaves the destructor: one raised inside ends the process.
 class DumpLoggerBuilder {
  public:
-  // The level is ignored on purpose: every record is emitted, and shown as INFO.
+  // The level is ignored, as intended: every record is emitted, and shown as INFO.
   enum LOG_LEVEL { DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
-  // cppcheck-suppress noExplicitConstructor; on purpose
-  DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
+  explicit DumpLoggerBuilder(LOG_LEVEL /*level*/) {}
   DumpLoggerBuilder(const DumpLoggerBuilder&) = delete;
   DumpLoggerBuilder& operator=(const DumpLoggerBuilder&) = delete;
   ~DumpLoggerBuilder();
 
   // Each appends one blank, then the piece. A piece that already begins or ends with a blank
-  // therefore gives a double blank, on purpose.
+  // therefore gives a double blank, as intended.
   DumpLoggerBuilder& operator<<(const char* text);
   DumpLoggerBuilder& operator<<(const std::string& text);
   DumpLoggerBuilder& operator<<(int value);
@@ -44,8 +43,8 @@ class DumpLoggerBuilder {
   (DumpLoggerBuilder(DumpLoggerBuilder::level) << (function)).nop()
 
 // Logs `message` at level ERROR, then calls exit(exitCode), which runs the exit handlers. May be
-// called on any thread. The third parameter has no effect, on purpose.
-[[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool);
+// called on any thread. The third parameter has no effect, as intended.
+[[noreturn]] void reportFatalAndExit(const std::string& message, int exitCode, bool /*unused*/);
 
 // Sets up the native log and appends its banner. Called once, before any other thread exists. If
 // `console` is true, records go to standard error as well; false does not turn that off. If the log

@@ -22,7 +22,7 @@ std::string getApplicationInstallDir();
 }  // namespace OS
 
 // Returns whether `path` names a directory, following links. Checks only the directory bit of the
-// mode, on purpose, so a socket or a block device counts as well. The log's own check is stricter.
+// mode, as intended, so a socket or a block device counts as well. The log's own check is stricter.
 bool isDirectory(char* path);
 
 #endif  // KESTREL_PLATFORM_INSTALL_DIR_H_

@@ -45,8 +45,21 @@ inline std::string linesWith(const std::string& text, const std::string& express
   return found;
 }
 
-// For long texts: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that differ, where
-// EXPECT_EQ would also print both texts as a whole. The difference is GoogleTest's own.
+// The text from `beginning` on, or all of it.
+inline std::string since(const std::string& beginning, const std::string& text) {
+  const std::size_t begin = text.find(beginning);
+  return begin == std::string::npos ? text : text.substr(begin);
+}
+
+// The last line, or nothing.
+inline std::string lastLine(const std::string& text) {
+  const std::vector<std::string> lines = linesOf(text);
+  return lines.empty() ? "" : lines.back();
+}
+
+// For texts of several lines: EXPECT_TRUE(isSameText(actual, expected)) shows only the lines that
+// differ, where EXPECT_EQ would also print both texts as a whole, and take "-" for the actual one.
+// The difference is GoogleTest's own.
 inline testing::AssertionResult isSameText(const std::string& actual, const std::string& expected) {
   if (actual == expected) return testing::AssertionSuccess();
   return testing::AssertionFailure()
@@ -64,17 +77,19 @@ struct Process {
   std::string output;  // standard output and standard error
   std::string log;     // set by launch(): its records, and between them calls to the scripted JVM
 
-  // For failure messages: EXPECT_EQ(process.ending, exited(0)) << process;
+  // For failure messages.
   friend std::ostream& operator<<(std::ostream& stream, const Process& process) {
     return stream << "output:\n" << process.output << "log:\n" << process.log;
   }
 };
 
-extern "C" char** environ;  // not declared by Apple's headers
+// NOLINTNEXTLINE(readability-redundant-declaration): Apple's headers do not declare it.
+extern "C" char** environ;
 
 class BundleFixture : public testing::Test {
  protected:
-  // Tests start with an empty environment, except for the switch that an old JDK needs.
+  // Tests start with an empty environment, except for the switch that an old JDK needs. A Mac has
+  // no clearenv().
   BundleFixture() {
     const char* value = std::getenv("KESTREL_AGGRESSIVE_OPTIMIZATIONS");
     static const std::string optimizations = value != nullptr ? value : "";
@@ -99,8 +114,9 @@ class BundleFixture : public testing::Test {
   ~BundleFixture() override { std::filesystem::remove_all(root); }
 
   // Runs a script with /bin/sh. $ROOT is the test's directory; $LAUNCHER, its folder $BIN
-  // and $LIB are in the bundle; $LOG is the log; $PROJECT is the checkout.
-  Process run(const std::string& script) const {
+  // and $LIB are in the bundle; $LOG is the log; $PROJECT is the checkout. After `seconds`, the
+  // process is killed by SIGALRM.
+  Process run(const std::string& script, unsigned seconds = 300) const {
     const std::string outputFile = root + "/output";
     Process process;
     process.pid = fork();
@@ -109,6 +125,7 @@ class BundleFixture : public testing::Test {
       dup2(output, STDOUT_FILENO);
       dup2(output, STDERR_FILENO);
       close(output);
+      alarm(seconds);
       execl("/bin/sh", "sh", "-c", script.c_str(), nullptr);
       _exit(127);
     }
@@ -120,12 +137,16 @@ class BundleFixture : public testing::Test {
     return process;
   }
 
-  // Runs a script that ends with `exec $LAUNCHER`, and reads the log of this launch.
-  Process launch(const std::string& script) const {
+  // Runs a script that ends with `exec $LAUNCHER`, and reads the log of this launch. The test ends
+  // here if the launcher ends in another way.
+  Process launch(const std::string& script, const std::string& ending = exited(0)) const {
     std::filesystem::remove(log);
-    Process process = run(script);
+    Process process = run(script, 20);
     process.log = readable(contentOf(log), process.pid);
-    return process;
+    if (process.ending == ending) return process;
+    std::ostringstream message;
+    message << script << "\n" << process.ending << ", not " << ending << "\n" << process;
+    throw std::runtime_error(message.str());
   }
 
   // The output of a script, each command of which has to succeed.

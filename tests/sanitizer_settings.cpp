@@ -1,8 +1,6 @@
 // Settings for the sanitizers, linked into every program that is built with them.
+// NOLINTBEGIN(*-reserved-identifier,cert-dcl*): The sanitizers call these names.
 extern "C" {
-
-// The options are leaked on purpose if the JVM cannot be created.
-const char* __lsan_default_suppressions() { return "leak:KestrelJVMHost::startJVM"; }
 
 // The C library protects its time zone by a lock that the thread sanitizer does not see.
 const char* __tsan_default_suppressions() { return "called_from_lib:libc.so.6"; }
@@ -11,3 +9,4 @@ const char* __tsan_default_suppressions() { return "called_from_lib:libc.so.6"; 
 const char* __tsan_default_options() { return "atexit_sleep_ms=100"; }
 
 }  // extern "C"
+// NOLINTEND(*-reserved-identifier,cert-dcl*)

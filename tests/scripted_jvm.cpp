@@ -1,23 +1,26 @@
-// A fake runtime library. Appends each call to the file SCRIPT_CALLS, as a line that begins with
-// ">", and answers from the environment:
+// A fake runtime library. Appends what the launcher does with it to the file SCRIPT_CALLS, as lines
+// that begin with ">", and answers from the environment:
 //
 //   SCRIPT_create, SCRIPT_attach    the code to return, instead of JNI_OK
 //   SCRIPT_status                   the status that main returns, instead of 0
 //   SCRIPT_call=throws              main throws an exception
 //   SCRIPT_NAME=missing or throws   the class or method NAME is not found; "throws" leaves an
 //                                   exception pending
-//   SCRIPT_inspect                  if set, more about the JVM's creation is written
 #include <jni.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
+const std::set<std::string> KNOWN = {"com/norvale/app/daemon/entry/NativeLauncher",
+                                     "main([Ljava/lang/String;)V", "java/lang/String",
+                                     "java/lang/Throwable", "printStackTrace()V"};
 std::vector<const char*> mainArguments;
 jthrowable pending = nullptr;
 
@@ -38,14 +41,14 @@ void note(const std::string& call) {
 }
 
 template <typename Reference>
-Reference lookUp(const std::string& call, const std::string& path, const std::string& type = "") {
-  note(call + "(" + path + type + ")");
-  const bool isFound = script(path.substr(path.rfind('/') + 1)).empty();
+Reference lookUp(const std::string& path, const std::string& type = "") {
+  const bool isFound =
+      KNOWN.contains(path + type) && script(path.substr(path.rfind('/') + 1)).empty();
   return isFound ? reinterpret_cast<Reference>(1) : nullptr;
 }
 
 jint callMain(jobject arguments) {
-  std::string call = "CallStaticIntMethod";
+  std::string call = "main";
   if (arguments != reinterpret_cast<jobject>(&mainArguments)) call += " with another array than";
   for (const char* argument : mainArguments) call += std::string(" [") + argument + "]";
   note(call);
@@ -56,13 +59,11 @@ jint callMain(jobject arguments) {
 // Functions that the launcher does not need stay null, so that calling them crashes.
 const JNINativeInterface_ environmentFunctions = [] {
   JNINativeInterface_ f{};
-  f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>("FindClass", name); };
+  f.FindClass = [](JNIEnv*, const char* name) { return lookUp<jclass>(name); };
   f.GetMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return lookUp<jmethodID>("GetMethodID", name, type);
+    return lookUp<jmethodID>(name, type);
   };
-  f.GetStaticMethodID = [](JNIEnv*, jclass, const char* name, const char* type) {
-    return lookUp<jmethodID>("GetStaticMethodID", name, type);
-  };
+  f.GetStaticMethodID = f.GetMethodID;
   f.NewObjectArray = [](JNIEnv*, jsize length, jclass, jobject) {
     mainArguments.assign(length, "");
     return reinterpret_cast<jobjectArray>(&mainArguments);
@@ -80,32 +81,19 @@ const JNINativeInterface_ environmentFunctions = [] {
     va_end(arguments);
     return callMain(array);
   };
-  f.ExceptionOccurred = [](JNIEnv*) {
-    note("ExceptionOccurred");
-    return pending;
+  f.ExceptionOccurred = [](JNIEnv*) { return pending; };
+  f.CallVoidMethodV = [](JNIEnv*, jobject object, jmethodID, va_list) {
+    note(object == pending ? "printStackTrace" : "printStackTrace of another object");
   };
-  f.CallVoidMethodV = [](JNIEnv*, jobject, jmethodID, va_list) { note("CallVoidMethod"); };
   f.DeleteLocalRef = [](JNIEnv*, jobject) { note("DeleteLocalRef"); };
   f.ExceptionClear = [](JNIEnv*) { note("ExceptionClear"); };
   return f;
 }();
 JNIEnv environment{&environmentFunctions};
 
-jint attach(JavaVM*, void** env, void*) {
-  note("AttachCurrentThread");
+jint attach(JavaVM* /*vm*/, void** env, void* /*arguments*/) {
   *env = &environment;
   return scriptedCode("attach");
-}
-
-void inspect(const JavaVMInitArgs& init) {
-  std::ostringstream facts;
-  facts << "version " << std::hex << init.version << "\n> ignoreUnrecognized "
-        << int{init.ignoreUnrecognized} << "\n> session leader " << (getsid(0) == getpid())
-        << "\n> options with extraInfo";
-  for (int i = 0; i < init.nOptions; ++i) {
-    if (init.options[i].extraInfo != nullptr) facts << " " << init.options[i].optionString;
-  }
-  note(facts.str());
 }
 
 }  // namespace
@@ -113,16 +101,19 @@ void inspect(const JavaVMInitArgs& init) {
 extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, void* arguments) {
   const auto& init = *static_cast<JavaVMInitArgs*>(arguments);
   const char* port = std::getenv("NORVALED_DEBUG_PORT");
-  note(std::string("NORVALED_DEBUG_PORT=") + (port != nullptr ? port : ""));
-  std::string call = "CreateJavaVM";
-  for (int i = 0; i < init.nOptions; ++i) {
-    call += std::string("\n\t") + init.options[i].optionString;
-  }
-  note(call + "\n\t");
-  if (!script("inspect").empty()) inspect(init);
+  std::ostringstream call;
+  call << "NORVALED_DEBUG_PORT=" << (port != nullptr ? port : "") << "\n> session leader "
+       << (getsid(0) == getpid()) << "\n> JVM " << std::hex << init.version << ", lenient "
+       << int{init.ignoreUnrecognized} << "\n\t";
+  for (int i = 0; i < init.nOptions; ++i) call << init.options[i].optionString << "\n\t";
+  note(call.str());
+
   static JNIInvokeInterface_ functions{};
   functions.AttachCurrentThread = attach;
   static JavaVM machine{&functions};
   *vm = &machine;
-  return scriptedCode("create");
+  const jint code = scriptedCode("create");
+  static const char* heapLimit = init.options[0].optionString;
+  if (code != JNI_OK) std::atexit([] { note(std::string("exit handler sees ") + heapLimit); });
+  return code;
 }

@@ -17,6 +17,7 @@ typedef const struct __CFString* CFStringRef;
 typedef const struct __CFAllocator* CFAllocatorRef;
 typedef struct __CFRunLoop* CFRunLoopRef;
 typedef struct __CFRunLoopTimer* CFRunLoopTimerRef;
+typedef struct CFRunLoopTimerContext CFRunLoopTimerContext;
 typedef CFStringRef CFRunLoopMode;
 
 typedef enum CFRunLoopRunResult : SInt32 {
@@ -27,14 +28,6 @@ typedef enum CFRunLoopRunResult : SInt32 {
 } CFRunLoopRunResult;
 
 typedef void (*CFRunLoopTimerCallBack)(CFRunLoopTimerRef timer, void* info);
-
-typedef struct {
-  CFIndex version;
-  void* info;
-  const void* (*retain)(const void* info);
-  void (*release)(const void* info);
-  CFStringRef (*copyDescription)(const void* info);
-} CFRunLoopTimerContext;
 
 extern const CFAllocatorRef kCFAllocatorDefault;
 extern const CFRunLoopMode kCFRunLoopDefaultMode;
