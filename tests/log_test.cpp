@@ -97,7 +97,7 @@ TEST_F(LogReader, RefusesWrongArguments) {
 TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
   const std::string ended = "JVM main ended";
   const std::string failed = "Failed to initialize Kestrel JVM application: 300";
-  const std::string succeeded = "JVM started successfully", killed = "JVM: exit( 143 )";
+  const std::string succeeded = "JVM started successfully", terminated = "JVM: exit( 143 )";
   const std::string threw = "Method ' main ' failed with exception!";
   // Output of the JVM that reads like a record is output.
   EXPECT_EQ(outcomeOf({"Starting JVM", "JVM:  JVM main ended", "JVM:  Cannot load  x"}),
@@ -106,8 +106,8 @@ TEST_F(LogReader, ShowsTheCauseAndNotItsConsequence) {
   EXPECT_EQ(outcomeOf({threw, ended, failed}), "108 main threw an exception");
   EXPECT_EQ(outcomeOf({"JVM: exit( -3 )", threw}), "253 System.exit(-3)");
   EXPECT_EQ(outcomeOf({"JVM: exit( 0 )", ended, succeeded}), "0 System.exit(0)");
-  EXPECT_EQ(outcomeOf({killed, ended, succeeded}), "- two exits at once");
-  EXPECT_EQ(outcomeOf({ended, succeeded, killed}), "- two exits at once");
+  EXPECT_EQ(outcomeOf({terminated, ended, succeeded}), "- two exits at once");
+  EXPECT_EQ(outcomeOf({ended, succeeded, terminated}), "- two exits at once");
   EXPECT_EQ(outcomeOf({"Cannot load  /x :  No\n\tmore\n", "Failed to start JVM"}),
             "53 the runtime could not be loaded: /x : No\\n\tmore");
 }

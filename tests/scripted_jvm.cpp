@@ -113,7 +113,9 @@ extern "C" JNIEXPORT jint JNICALL JNI_CreateJavaVM(JavaVM** vm, void** /*env*/, 
   static JavaVM machine{&functions};
   *vm = &machine;
   const jint code = scriptedCode("create");
-  static const char* heapLimit = init.options[0].optionString;
-  if (code != JNI_OK) std::atexit([] { note(std::string("exit handler sees ") + heapLimit); });
+  if (code != JNI_OK) {
+    static const char* heapLimit = init.options[0].optionString;
+    std::atexit([] { note(std::string("exit handler sees ") + heapLimit); });
+  }
   return code;
 }
